@@ -1,0 +1,115 @@
+// Remote debug commands: the MCU's link counters and load, clearing them,
+// switching its message loopback, and flooding it with test messages. Each
+// request is a CMD_DEBUG_DEVICE exchange; the MCU's debug answers are printed
+// by mcu_debug inside the engine, so success prints nothing here.
+#include <string.h>
+
+#include "mcu_tool2_internal.h"
+
+namespace {
+
+constexpr int kDebugTimeoutMs = 500;
+constexpr int kDebugRetries = 2;
+// Largest flood-test payload: a frame of it still fits one SPI block.
+constexpr int kFloodMaxLen = 512;
+static_assert(kFloodMaxLen + MAVLINK_FRAME_OVERHEAD <= SPI_BLOCK_SIZE, "flood frame fits a block");
+
+int debug_exchange(ST_DebugCmd* cmd) {
+    return mcu_sendrecv(CMD_DEBUG_DEVICE, reinterpret_cast<uint8_t*>(cmd), sizeof *cmd, nullptr, 0,
+                        kDebugTimeoutMs, kDebugRetries);
+}
+
+}  // namespace
+
+int mcu_debug_get_stts(void) {
+    if (!comp_id_is_set()) {
+        LOG_ERR("no target specified\n");
+        return -1;
+    }
+    if (mcu_init() < 0) {
+        LOG_ERR("mcu_init fail\n");
+        return -1;
+    }
+    ST_DebugCmd cmd;
+    memset(&cmd, 0, sizeof cmd);
+    // A refused or silent counter does not stop the sequence.
+    for (uint32_t code = DEBUGCODE_RX_BYTES; code <= DEBUGCODE_RELAY_FAILS; code++) {
+        cmd.debugcode = code;
+        debug_exchange(&cmd);
+    }
+    cmd.debugcode = DEBUGCODE_CPU_USAGE;
+    debug_exchange(&cmd);
+    cmd.debugcode = DEBUGCODE_MEM_USAGE;
+    debug_exchange(&cmd);
+    mcu_uninit();
+    return 0;
+}
+
+int mcu_debug_clear_stts(void) {
+    if (!comp_id_is_set()) {
+        LOG_ERR("no target specified\n");
+        return -1;
+    }
+    if (mcu_init() < 0) {
+        LOG_ERR("mcu_init fail\n");
+        return -1;
+    }
+    ST_DebugCmd cmd;
+    memset(&cmd, 0, sizeof cmd);
+    cmd.debugcode = DEBUGCODE_CLEAR_STTS;
+    int ret = debug_exchange(&cmd);
+    mcu_uninit();
+    return ret;
+}
+
+int mcu_debug_set_message_loopback(int flag) {
+    if (!comp_id_is_set()) {
+        LOG_ERR("no target specified\n");
+        return -1;
+    }
+    if (mcu_init() < 0) {
+        LOG_ERR("mcu_init fail\n");
+        return -1;
+    }
+    ST_DebugCmd cmd;
+    memset(&cmd, 0, sizeof cmd);
+    cmd.debugcode = DEBUGCODE_SET_LOOPBACK;
+    cmd.param0 = static_cast<uint32_t>(flag);
+    int ret = debug_exchange(&cmd);
+    mcu_uninit();
+    return ret;
+}
+
+int mcu_debug_message_send_test(int count, int len, int interval, uint8_t pattern) {
+    // 1. Target and link.
+    if (!comp_id_is_set()) {
+        LOG_ERR("no target specified\n");
+        return -1;
+    }
+    if (mcu_init() < 0) {
+        LOG_ERR("mcu_init fail\n");
+        return -1;
+    }
+    // 2. Length within one SPI block.
+    if (len <= 0 || len > kFloodMaxLen) {
+        LOG_ERR("length %d illegal, set to %d\n", len, kFloodMaxLen);
+        len = kFloodMaxLen;
+    }
+    // 3. Answers may carry any sequence number and ids.
+    m_sys_id_check = 0;
+    m_comp_id_check = 0;
+    m_seq_check = 0;
+    // 4. The fill.
+    uint8_t buf[kFloodMaxLen];
+    memset(buf, pattern, sizeof buf);
+    // 5. The messages; a negative interval is taken as no pause.
+    for (int i = 0; i < count; i++) {
+        memset(buf, 0, sizeof(uint32_t));  // debugcode DEBUGCODE_MESSAGE_TEST
+        mcu_sendrecv(CMD_DEBUG_DEVICE, buf, len, nullptr, 0, kDebugTimeoutMs, kDebugRetries);
+        if (interval > 0)
+            pause_ms(static_cast<uint32_t>(interval));
+    }
+    // 6. Down.
+    mcu_uninit();
+    return 0;
+}

@@ -1,0 +1,160 @@
+// The target and the link around each action (bring-up clears statistics and
+// opens the device; take-down closes it and prints the statistics), the
+// identity queries and the reset.
+#include <stdio.h>
+#include <string.h>
+
+#include "mcu_tool2_internal.h"
+
+uint8_t m_comp_id = DEV_NONE;
+uint8_t m_sys_id = 0;
+
+namespace {
+
+// Every identity or reset exchange: 500 ms per attempt, two retransmissions.
+constexpr int kCmdTimeoutMs = 500;
+constexpr int kCmdRetries = 2;
+
+}  // namespace
+
+int set_comp_id(uint8_t id) {
+    m_comp_id = id;
+    m_sys_id = (id == DEV_RC) ? DEV_DSP_RC : DEV_DSP;
+    m_serial_dev = "/dev/ttyS2";
+    if (id == DEV_MOVIDIUS_1 || id == DEV_MOVIDIUS_2 || id == DEV_MOVIDIUS_3)
+        m_serial_dev = "/dev/ttyACM0";
+    LOG_DBG("m_sys_id = 0x%02x\n", m_sys_id);
+    LOG_DBG("m_comp_id = 0x%02x\n", m_comp_id);
+    LOG_DBG("m_serial_dev = %s\n", m_serial_dev);
+    return 0;
+}
+
+int comp_id_is_set(void) {
+    return m_comp_id != DEV_NONE ? 1 : 0;
+}
+
+int mcu_init(void) {
+    clear_stts(&m_stts);
+    m_serial_fd = mcu_open(m_serial_dev, m_serial_speed);
+    if (m_serial_fd < 0) {
+        LOG_ERR("mcu_open fail\n");
+        return -1;
+    }
+    m_tx_seq = 0;
+    return 0;
+}
+
+void mcu_uninit(void) {
+    mcu_close(m_serial_fd);
+    print_stts(&m_stts);
+    m_serial_fd = -1;
+}
+
+int version_to_string(ST_Version* v, char* buf, int len) {
+    if (v == nullptr || buf == nullptr || len <= 0) {
+        LOG_ERR("invalid params\n");
+        return -1;
+    }
+    snprintf(buf, static_cast<size_t>(len), "%u.%u.%u.%u", v->debug, v->patch, v->minor, v->major);
+    return 0;
+}
+
+int print_version(char* type, ST_Version* v) {
+    if (v == nullptr) {
+        LOG_ERR("null param\n");
+        return -1;
+    }
+    char text[128] = {};
+    version_to_string(v, text, sizeof text);
+    printf("%s: V%s\n", type != nullptr ? type : " - ", text);
+    fflush(stdout);
+    return 0;
+}
+
+int mcu_version(void) {
+    if (!comp_id_is_set()) {
+        LOG_ERR("comp_id not set\n");
+        return -1;
+    }
+    if (mcu_init() < 0) {
+        LOG_ERR("mcu_init fail\n");
+        return -1;
+    }
+    ST_Version versions[4];
+    memset(versions, 0, sizeof versions);
+    int ret = mcu_sendrecv(CMD_GET_VERSIONS, nullptr, 0, reinterpret_cast<uint8_t*>(versions),
+                           sizeof versions, kCmdTimeoutMs, kCmdRetries);
+    if (ret < 0) {
+        LOG_ERR("mcu_sendrecv fail\n");
+    } else {
+        char software[] = "Software", bootloader[] = "Bootloader", hardware[] = "Hardware",
+             protocol[] = "Protocol";
+        print_version(software, &versions[0]);
+        print_version(bootloader, &versions[1]);
+        print_version(hardware, &versions[2]);
+        print_version(protocol, &versions[3]);
+    }
+    mcu_uninit();
+    return ret;
+}
+
+int mcu_get_softver(uint8_t comp_id, char* buf, int len) {
+    if (buf == nullptr || len <= 0) {
+        LOG_ERR("invalid params\n");
+        return -1;
+    }
+    set_comp_id(comp_id);
+    if (mcu_init() < 0) {
+        LOG_ERR("mcu_init fail\n");
+        return -1;
+    }
+    ST_Version versions[4];
+    memset(versions, 0, sizeof versions);
+    int ret = mcu_sendrecv(CMD_GET_VERSIONS, nullptr, 0, reinterpret_cast<uint8_t*>(versions),
+                           sizeof versions, kCmdTimeoutMs, kCmdRetries);
+    if (ret == 0)
+        version_to_string(&versions[0], buf, len);
+    else
+        LOG_ERR("mcu_sendrecv fail\n");
+    mcu_uninit();
+    return ret;
+}
+
+int mcu_serial(void) {
+    if (!comp_id_is_set()) {
+        LOG_ERR("comp_id not set\n");
+        return -1;
+    }
+    if (mcu_init() < 0) {
+        LOG_ERR("mcu_init fail\n");
+        return -1;
+    }
+    uint8_t sn[32] = {};
+    int ret = mcu_sendrecv(CMD_GET_SN, nullptr, 0, sn, sizeof sn, kCmdTimeoutMs, kCmdRetries);
+    if (ret < 0)
+        LOG_ERR("mcu_sendrecv fail\n");
+    else
+        hexdump(sn, sizeof sn);
+    mcu_uninit();
+    return ret;
+}
+
+int mcu_reset(uint16_t reset_type) {
+    if (!comp_id_is_set()) {
+        LOG_ERR("comp_id not set\n");
+        return -1;
+    }
+    if (mcu_init() < 0) {
+        LOG_ERR("mcu_init fail\n");
+        return -1;
+    }
+    ST_ResetCmd cmd;
+    cmd.confirm_code = 0x55AA;
+    cmd.reset_type = reset_type;
+    int ret = mcu_sendrecv(CMD_SYSTEM_RESET, reinterpret_cast<uint8_t*>(&cmd), sizeof cmd, nullptr,
+                           0, kCmdTimeoutMs, kCmdRetries);
+    if (ret < 0)
+        LOG_ERR("mcu_sendrecv fail\n");
+    mcu_uninit();
+    return ret;
+}

@@ -1,0 +1,127 @@
+// Module-internal interface of mcu_tool2, shared by its files and nothing
+// else: the one process-wide link context (state prefixed m_) and the layers
+// below the public actions.
+//
+//   link      mcu_open / mcu_close: decide TTY or SPI from the path, configure
+//   kernel    termios2 custom rates and spidev transfers (Linux specifics)
+//   transport mcu_write / mcu_read / mcu_wait: bytes with traces and dumps
+//   frame     mcu_package / mcu_send (encoder), mcu_recv (parser)
+//   engine    mcu_sendrecv: one request/response exchange, TTY or SPI rules
+//   inbound   mcu_heartbeat / mcu_debug / mcu_monitor: what the MCU emits
+//   upgrade   bootloader commands and the eight-step procedure
+//   raw       hex strings, raw messages and frames
+//
+// Results follow the public header: 0 success, -1 local failure, -2 refused
+// by the MCU, -3 time-out, -10 failed SPI transfer inside the transport.
+#ifndef MCU_TOOL2_INTERNAL_H
+#define MCU_TOOL2_INTERNAL_H
+
+#include <stdint.h>
+#include <time.h>
+
+#include "checksum.h"
+#include "mcu_tool2.h"
+
+// Every SPI transfer moves exactly this many bytes each way.
+constexpr int SPI_BLOCK_SIZE = 528;
+// The only SPI clock the link runs at.
+constexpr int SPI_SPEED_HZ = 7800000;
+// Largest frame payload that fits one SPI block.
+constexpr int SPI_MAX_PAYLOAD = SPI_BLOCK_SIZE - MAVLINK_FRAME_OVERHEAD;
+
+// ---- link context -------------------------------------------------------
+extern const char* m_serial_dev;
+extern int m_serial_speed;
+extern uint8_t m_serial_type;  // EN_SerialType of the last open attempt
+extern int m_serial_fd;        // open descriptor, -1 when the link is down
+extern uint8_t m_comp_id;      // target component, 0 = none
+extern uint8_t m_sys_id;       // the tool's own id
+extern uint8_t m_tx_seq;       // sequence number of the last frame built
+extern uint8_t m_crc_extra;
+extern uint8_t m_upgrade_type;
+extern uint8_t m_seq_check;
+extern uint8_t m_crc_check;
+extern uint8_t m_sys_id_check;
+extern uint8_t m_comp_id_check;
+extern uint8_t m_msgid_check;
+extern ST_MavlinkMsg m_tx_msg;
+extern ST_MavlinkMsg m_rx_msg;
+extern ST_MavlinkStts m_stts;
+
+// Blocks the process for ms milliseconds (any value; resumed after signals).
+inline void pause_ms(uint32_t ms) {
+    struct timespec ts;
+    ts.tv_sec = static_cast<time_t>(ms / 1000);
+    ts.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
+    while (nanosleep(&ts, &ts) != 0) {
+    }
+}
+
+// Milliseconds since `since` on the 32-bit clock, right across its wrap.
+inline int32_t elapsed_ms(int32_t since) {
+    return static_cast<int32_t>(static_cast<uint32_t>(Time_GetMs()) - static_cast<uint32_t>(since));
+}
+
+// ---- link (mcu_tool2_link.cpp) ------------------------------------------
+// Opens and configures the device; the descriptor or -1.
+int mcu_open(const char* serialname, int baudrate);
+// Closes fd when it is greater than 0.
+void mcu_close(int fd);
+
+// ---- kernel specifics (mcu_tool2_kernel.cpp) ----------------------------
+// The termios rate field mask and its "other rate" code.
+extern const unsigned int kTtyCbaudMask;
+extern const unsigned int kTtyBotherFlag;
+// Puts the numeric rate into the port's termios2 speed fields with BOTHER.
+// 0 on success, -1 when the kernel refuses termios2 (errno kept).
+int tty_set_custom_rate(int fd, int rate);
+// Sets mode, clock and word size of a spidev node, each written then read
+// back. 0 on success; on failure -1 with *what naming the setting.
+int spi_configure(int fd, uint8_t mode, uint32_t speed_hz, uint8_t bits, const char** what);
+// One full-duplex SPI_BLOCK_SIZE transfer; the ioctl's result.
+int spi_transfer(int fd, const uint8_t* tx, uint8_t* rx);
+
+// ---- transport (mcu_tool2_transport.cpp) --------------------------------
+int mcu_write(int fd, uint8_t* sendbuf, int len, uint8_t* recvbuf);
+int mcu_read(int fd, uint8_t* buf, int len);
+int mcu_wait(int timeout);
+
+// ---- frame (mcu_tool2_frame.cpp) ----------------------------------------
+int mcu_package(uint8_t msgid, uint8_t* sendbuf, int len);
+int mcu_send(uint8_t msgid, uint8_t* sendbuf, int len);
+int mcu_recv(ST_MavlinkMsg* msg, uint8_t* buf, int length);
+// Payload length of a frame record: len + 256 * len_h.
+inline int frame_payload_len(const ST_MavlinkMsg* msg) {
+    return msg->len | (msg->len_h << 8);
+}
+
+// ---- engine (mcu_tool2_engine.cpp) --------------------------------------
+int mcu_sendrecv(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int rxlen, int timeout,
+                 int retry_cnt);
+
+// ---- inbound (mcu_tool2_inbound.cpp) ------------------------------------
+int mcu_heartbeat(ST_HeartBeat* msg);
+int mcu_debug(ST_DebugCmd* msg);
+int mcu_monitor(uint8_t msgid, int timeout);
+
+// ---- upgrade (mcu_tool2_boot.cpp, mcu_tool2_upgrade.cpp) ----------------
+// Forces every field into its range, one line per changed field.
+void mcu_limit_upgrade_param(ST_TimeRetryCmd* cmd);
+int mcu_getFlashSize(uint32_t* flash_size, uint32_t timeoutms);
+int mcu_enterBootloader(uint32_t timeoutms);
+int mcu_requestUpgrade(uint32_t timeoutms);
+int mcu_eraseFlash(uint32_t firmware_size, uint32_t timeoutms);
+int mcu_programFlash(uint8_t* firmware, int length, int timeoutms, int retrys, int pksize);
+int mcu_requestCrcCheck(uint8_t* firmware, int length, uint32_t timeoutms);
+int mcu_runApp(uint32_t timeoutms);
+int mcu_upgradeFirmare(uint8_t* firmware, int length);
+
+// ---- raw (mcu_tool2_raw.cpp) --------------------------------------------
+// Value of one hex digit, or -1.
+int char2hex(char c);
+// Converts a hex string into at most len bytes; the byte count or -1.
+int string2hex(const char* str, uint8_t* buf, int len);
+// Size of the raw actions' conversion buffer: one whole frame record.
+constexpr int RAW_BUF_SIZE = static_cast<int>(sizeof(ST_MavlinkMsg));
+
+#endif  // MCU_TOOL2_INTERNAL_H
