@@ -22,14 +22,8 @@ int debug_exchange(ST_DebugCmd* cmd) {
 }  // namespace
 
 int mcu_debug_get_stts(void) {
-    if (!comp_id_is_set()) {
-        LOG_ERR("no target specified\n");
+    if (link_up(__func__, "no target specified") < 0)
         return -1;
-    }
-    if (mcu_init() < 0) {
-        LOG_ERR("mcu_init fail\n");
-        return -1;
-    }
     ST_DebugCmd cmd;
     memset(&cmd, 0, sizeof cmd);
     // A refused or silent counter does not stop the sequence.
@@ -46,14 +40,8 @@ int mcu_debug_get_stts(void) {
 }
 
 int mcu_debug_clear_stts(void) {
-    if (!comp_id_is_set()) {
-        LOG_ERR("no target specified\n");
+    if (link_up(__func__, "no target specified") < 0)
         return -1;
-    }
-    if (mcu_init() < 0) {
-        LOG_ERR("mcu_init fail\n");
-        return -1;
-    }
     ST_DebugCmd cmd;
     memset(&cmd, 0, sizeof cmd);
     cmd.debugcode = DEBUGCODE_CLEAR_STTS;
@@ -63,14 +51,8 @@ int mcu_debug_clear_stts(void) {
 }
 
 int mcu_debug_set_message_loopback(int flag) {
-    if (!comp_id_is_set()) {
-        LOG_ERR("no target specified\n");
+    if (link_up(__func__, "no target specified") < 0)
         return -1;
-    }
-    if (mcu_init() < 0) {
-        LOG_ERR("mcu_init fail\n");
-        return -1;
-    }
     ST_DebugCmd cmd;
     memset(&cmd, 0, sizeof cmd);
     cmd.debugcode = DEBUGCODE_SET_LOOPBACK;
@@ -82,14 +64,8 @@ int mcu_debug_set_message_loopback(int flag) {
 
 int mcu_debug_message_send_test(int count, int len, int interval, uint8_t pattern) {
     // 1. Target and link.
-    if (!comp_id_is_set()) {
-        LOG_ERR("no target specified\n");
+    if (link_up(__func__, "no target specified") < 0)
         return -1;
-    }
-    if (mcu_init() < 0) {
-        LOG_ERR("mcu_init fail\n");
-        return -1;
-    }
     // 2. Length within one SPI block.
     if (len <= 0 || len > kFloodMaxLen) {
         LOG_ERR("length %d illegal, set to %d\n", len, kFloodMaxLen);

@@ -44,6 +44,18 @@ int mcu_init(void) {
     return 0;
 }
 
+int link_up(const char* func, const char* no_target) {
+    if (!comp_id_is_set()) {
+        LOG_ERR_AS(func, "%s\n", no_target);
+        return -1;
+    }
+    if (mcu_init() < 0) {
+        LOG_ERR_AS(func, "mcu_init fail\n");
+        return -1;
+    }
+    return 0;
+}
+
 void mcu_uninit(void) {
     mcu_close(m_serial_fd);
     print_stts(&m_stts);
@@ -72,14 +84,8 @@ int print_version(char* type, ST_Version* v) {
 }
 
 int mcu_version(void) {
-    if (!comp_id_is_set()) {
-        LOG_ERR("comp_id not set\n");
+    if (link_up(__func__, "comp_id not set") < 0)
         return -1;
-    }
-    if (mcu_init() < 0) {
-        LOG_ERR("mcu_init fail\n");
-        return -1;
-    }
     ST_Version versions[4];
     memset(versions, 0, sizeof versions);
     int ret = mcu_sendrecv(CMD_GET_VERSIONS, nullptr, 0, reinterpret_cast<uint8_t*>(versions),
@@ -121,14 +127,8 @@ int mcu_get_softver(uint8_t comp_id, char* buf, int len) {
 }
 
 int mcu_serial(void) {
-    if (!comp_id_is_set()) {
-        LOG_ERR("comp_id not set\n");
+    if (link_up(__func__, "comp_id not set") < 0)
         return -1;
-    }
-    if (mcu_init() < 0) {
-        LOG_ERR("mcu_init fail\n");
-        return -1;
-    }
     uint8_t sn[32] = {};
     int ret = mcu_sendrecv(CMD_GET_SN, nullptr, 0, sn, sizeof sn, kCmdTimeoutMs, kCmdRetries);
     if (ret < 0)
@@ -140,14 +140,8 @@ int mcu_serial(void) {
 }
 
 int mcu_reset(uint16_t reset_type) {
-    if (!comp_id_is_set()) {
-        LOG_ERR("comp_id not set\n");
+    if (link_up(__func__, "comp_id not set") < 0)
         return -1;
-    }
-    if (mcu_init() < 0) {
-        LOG_ERR("mcu_init fail\n");
-        return -1;
-    }
     ST_ResetCmd cmd;
     cmd.confirm_code = 0x55AA;
     cmd.reset_type = reset_type;

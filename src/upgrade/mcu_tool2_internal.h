@@ -95,6 +95,12 @@ inline int frame_payload_len(const ST_MavlinkMsg* msg) {
     return msg->len | (msg->len_h << 8);
 }
 
+// ---- lifecycle (mcu_tool2_device.cpp) ----------------------------------
+// The opening of every device action: refuse without a target (printing
+// `no_target` in the name of `func`), then bring the link up ("mcu_init
+// fail" on failure). 0 when the link is up, -1 otherwise.
+int link_up(const char* func, const char* no_target);
+
 // ---- engine (mcu_tool2_engine.cpp) --------------------------------------
 int mcu_sendrecv(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int rxlen, int timeout,
                  int retry_cnt);

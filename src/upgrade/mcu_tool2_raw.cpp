@@ -66,14 +66,8 @@ int raw_begin(const char* func, const char* str, uint8_t* buf, int cap) {
         LOG_ERR_AS(func, "string convert to hex fail\n");
         return -1;
     }
-    if (!comp_id_is_set()) {
-        LOG_ERR_AS(func, "no target specified\n");
+    if (link_up(func, "no target specified") < 0)
         return -1;
-    }
-    if (mcu_init() < 0) {
-        LOG_ERR_AS(func, "mcu_init fail\n");
-        return -1;
-    }
     return n;
 }
 
@@ -112,14 +106,8 @@ int mcu_writeraw(const char* str) {
         LOG_ERR("empty hex string, nothing to write\n");
         return -1;
     }
-    if (!comp_id_is_set()) {
-        LOG_ERR("no target specified\n");
+    if (link_up(__func__, "no target specified") < 0)
         return -1;
-    }
-    if (mcu_init() < 0) {
-        LOG_ERR("mcu_init fail\n");
-        return -1;
-    }
     // The frame and its CRC go out in one write: at most 65000 bytes on a
     // TTY, one 528-byte block on SPI. Refused before anything is written.
     int limit = (m_serial_type == SERIAL_TYPE_SPI) ? SPI_BLOCK_SIZE : MAVLINK_MAX_PAYLOAD;
@@ -146,14 +134,8 @@ int mcu_writeraw(const char* str) {
 }
 
 int mcu_monitor_message(uint8_t msgid, int seconds) {
-    if (!comp_id_is_set()) {
-        LOG_ERR("no target specified\n");
+    if (link_up(__func__, "no target specified") < 0)
         return -1;
-    }
-    if (mcu_init() < 0) {
-        LOG_ERR("mcu_init fail\n");
-        return -1;
-    }
     int ret = mcu_monitor(msgid, monitor_timeout_ms(seconds));
     mcu_uninit();
     return ret;

@@ -153,14 +153,8 @@ int mcu_upgrade(const char* filename) {
         LOG_ERR("null pointer\n");
         return -1;
     }
-    if (!comp_id_is_set()) {
-        LOG_ERR("component not specified\n");
+    if (link_up(__func__, "component not specified") < 0)
         return -1;
-    }
-    if (mcu_init() < 0) {
-        LOG_ERR("mcu_init fail\n");
-        return -1;
-    }
     uint8_t* image = nullptr;
     int ret = -1;
     // 4-7. The image, read whole into a buffer of exactly its size.
