@@ -17,4 +17,4 @@ add_executable(unit_tests
 )
 target_include_directories(unit_tests PRIVATE ${CMAKE_CURRENT_LIST_DIR})
 target_link_libraries(unit_tests PRIVATE mcu_tool2_lib GTest::gtest_main)
-gtest_discover_tests(unit_tests)
+gtest_discover_tests(unit_tests NO_PRETTY_VALUES)
