@@ -1,5 +1,7 @@
 #include "harness.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -122,7 +124,14 @@ const std::string& tool_path() {
 
 RunResult run_tool(const std::vector<std::string>& args, const std::vector<std::string>& env,
                    double limit_s) {
-    return run(tool_path(), args, env, limit_s);
+    RunResult r = run(tool_path(), args, env, limit_s);
+    // In the sanitizer build every finding in the tool fails the test that
+    // ran it, whatever that test looks at.
+    if (r.err.find("Sanitizer") != std::string::npos ||
+        r.err.find("runtime error:") != std::string::npos)
+        ADD_FAILURE() << "sanitizer report from the tool:\n" << r.err;
+    if (r.status == 137) ADD_FAILURE() << "the tool did not end within " << limit_s << " s";
+    return r;
 }
 
 std::string normalize(const std::string& text) {

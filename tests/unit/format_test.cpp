@@ -177,39 +177,6 @@ TEST_F(StatsReportTest, NullRecord) {
 
 // ---- debug replies and heartbeats ---------------------------------------
 
-struct DebugCase {
-    uint32_t code;
-    const char* out;
-};
-
-class DebugReplyTest : public ModuleTest, public ::testing::WithParamInterface<DebugCase> {};
-
-TEST_P(DebugReplyTest, PrintsItsLines) {
-    ST_DebugCmd cmd = {GetParam().code, 0xFFFFFFFBu, 22, 333, 4294967295u};
-    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(mcu_debug(&cmd), 0); }), GetParam().out);
-    EXPECT_EQ(diag(), "");
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Codes, DebugReplyTest,
-    ::testing::Values(DebugCase{0, ""}, DebugCase{1, "TIME SYNC: 0x00000016 0xfffffffb\n"},
-                      DebugCase{2, "Set message loopback: success\n"}, DebugCase{3, "CLEAR ALL\n"},
-                      DebugCase{4, "RX BYTES:       -5\n"}, DebugCase{5, "RX FRAMES:      -5\n"},
-                      DebugCase{6, "RX MESSAGES:    -5\n"}, DebugCase{7, "RX CRC FAILS:   -5\n"},
-                      DebugCase{8, "RX LEN FAILS:   -5\n"}, DebugCase{9, "RX SUM FAILS:   -5\n"},
-                      DebugCase{10, "RX MEM FAILS:   -5\n"}, DebugCase{11, "RX DUP SEQ:     -5\n"},
-                      DebugCase{12, "TX BYTES:       -5\n"}, DebugCase{13, "TX FRAMES:      -5\n"},
-                      DebugCase{14, "TX MESSAGES:    -5\n"}, DebugCase{15, "TX SEND FAILS:  -5\n"},
-                      DebugCase{16, "TX MEM FAILS:   -5\n"}, DebugCase{17, "TX RETRY FAILS: -5\n"},
-                      DebugCase{18, "HANDLE FAILS:   -5\n"}, DebugCase{19, "RELAY MESSAGES: -5\n"},
-                      DebugCase{20, "RELAY FAILS:    -5\n"},
-                      DebugCase{32,
-                                "CPU0 Usage:     4294967291\nCPU0 Usage Max: 00000022\n"
-                                "CPU1 Usage:     00000333\nCPU1 Usage Max: 4294967295\n"},
-                      DebugCase{33,
-                                "Mem0 Usage:     4294967291\nMem0 Usage Max: 00000022\n"
-                                "Mem1 Usage:     00000333\nMem1 Usage Max: 4294967295\n"}));
-
 TEST_F(FormatTest, TimeSyncPrintsParam1First) {
     ST_DebugCmd cmd = {DEBUGCODE_TIME_SYNC, 0x11, 0x22, 0, 0};
     EXPECT_EQ(stdout_of([&] { mcu_debug(&cmd); }), "TIME SYNC: 0x00000022 0x00000011\n");
@@ -236,55 +203,7 @@ TEST_F(FormatTest, UndefinedDebugCodesAreRefused) {
     EXPECT_EQ(diag(), "");
 }
 
-TEST_F(FormatTest, Heartbeat) {
-    ST_HeartBeat hb = {0x0E, 0x01, 0x32, 0x14};
-    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(mcu_heartbeat(&hb), 0); }),
-              "---------- [HEARBEAT] -----------\n"
-              "  device type: 14 (0x0e)\n"
-              "device status: 1 (0x01)\n"
-              "    cpu usage: 50 (0x32)\n"
-              "    mem usage: 20 (0x14)\n");
-    ST_HeartBeat high = {0xFF, 0x80, 0, 100};
-    EXPECT_EQ(stdout_of([&] { mcu_heartbeat(&high); }),
-              "---------- [HEARBEAT] -----------\n"
-              "  device type: 255 (0xff)\n"
-              "device status: 128 (0x80)\n"
-              "    cpu usage: 0 (0x00)\n"
-              "    mem usage: 100 (0x64)\n");
-    EXPECT_EQ(stdout_of([] { EXPECT_EQ(mcu_heartbeat(nullptr), -2); }), "");
-}
-
 // ---- upgrade parameter limits -------------------------------------------
-
-TEST_F(FormatTest, AllZeroParametersRiseToTheirLowBounds) {
-    ST_TimeRetryCmd cmd = {};
-    EXPECT_EQ(stdout_of([&] { mcu_limit_upgrade_param(&cmd); }),
-              "low message timeout ms: 0, using default: 500\n"
-              "low program timeout ms: 0, using default: 1000\n"
-              "low program retry: 0, using default: 2\n"
-              "low program pksize: 0, using default: 240\n"
-              "low erase timeouts: 0, using default: 20\n"
-              "low check crc timeouts: 0, using default: 2\n"
-              "low runapp timeouts: 0, using default: 2\n"
-              "low bootloader timeouts: 0, using default: 2\n");
-    const ST_TimeRetryCmd want = {1000, 2, 240, 20, 2, 2, 2, 500};
-    EXPECT_EQ(0, memcmp(&cmd, &want, sizeof want));
-}
-
-TEST_F(FormatTest, LargestParametersFallToTheirHighBounds) {
-    ST_TimeRetryCmd cmd = {0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF};
-    EXPECT_EQ(stdout_of([&] { mcu_limit_upgrade_param(&cmd); }),
-              "large message timeout ms: 65535, using default: 1500\n"
-              "large program timeout ms: 65535, using default: 3000\n"
-              "large program retry: 65535, using default: 6\n"
-              "large program szie: 65535, using default: 65000\n"
-              "large erase timeouts: 65535, using default: 60\n"
-              "large check crc timeouts: 65535, using default: 6\n"
-              "large runapp timeouts: 65535, using default: 6\n"
-              "large bootloader timeouts: 65535, using default: 6\n");
-    const ST_TimeRetryCmd want = {3000, 6, 65000, 60, 6, 6, 6, 1500};
-    EXPECT_EQ(0, memcmp(&cmd, &want, sizeof want));
-}
 
 TEST_F(FormatTest, ValuesOnTheBoundsStayWithoutALine) {
     for (ST_TimeRetryCmd cmd : {ST_TimeRetryCmd{1000, 2, 240, 20, 2, 2, 2, 500},
