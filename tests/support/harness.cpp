@@ -28,6 +28,43 @@ double now_s() {
     return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
 }
 
+// The emulator that runs target programs in a cross build, if any.
+std::vector<std::string> emulator() {
+    std::vector<std::string> words;
+    std::string spec = MCU_EMULATOR;
+    size_t start = 0;
+    while (!spec.empty() && start <= spec.size()) {
+        size_t bar = spec.find('|', start);
+        if (bar == std::string::npos) bar = spec.size();
+        words.push_back(spec.substr(start, bar - start));
+        start = bar + 1;
+    }
+    return words;
+}
+
+// The command line that runs a target program: behind the emulator when
+// there is one, which gets LD_PRELOAD for the emulated program only (the
+// emulator itself is a host program).
+std::vector<std::string> target_command(const std::string& program,
+                                        const std::vector<std::string>& args,
+                                        std::vector<std::string>* env) {
+    std::vector<std::string> cmd = emulator();
+    if (!cmd.empty()) {
+        for (auto it = env->begin(); it != env->end();) {
+            if (it->rfind("LD_PRELOAD=", 0) == 0) {
+                cmd.push_back("-E");
+                cmd.push_back(*it);
+                it = env->erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    cmd.push_back(program);
+    cmd.insert(cmd.end(), args.begin(), args.end());
+    return cmd;
+}
+
 }  // namespace
 
 RunResult run(const std::string& program, const std::vector<std::string>& args,
@@ -66,7 +103,7 @@ RunResult run(const std::string& program, const std::vector<std::string>& args,
         dup2(devnull, 0);
         close(outp[0]);
         close(errp[0]);
-        execve(program.c_str(), argv.data(), envp.data());
+        execvpe(program.c_str(), argv.data(), envp.data());
         _exit(127);
     }
     close(outp[1]);
@@ -117,6 +154,8 @@ std::string preload_asan_options() {
     return "ASAN_OPTIONS=" + opts + "verify_asan_link_order=0";
 }
 
+bool under_emulator() { return !emulator().empty(); }
+
 const std::string& tool_path() {
     static const std::string path = MCU_TOOL_PATH;
     return path;
@@ -124,7 +163,10 @@ const std::string& tool_path() {
 
 RunResult run_tool(const std::vector<std::string>& args, const std::vector<std::string>& env,
                    double limit_s) {
-    RunResult r = run(tool_path(), args, env, limit_s);
+    std::vector<std::string> host_env = env;
+    std::vector<std::string> cmd = target_command(tool_path(), args, &host_env);
+    RunResult r = run(cmd[0], std::vector<std::string>(cmd.begin() + 1, cmd.end()), host_env,
+                      limit_s);
     // In the sanitizer build every finding in the tool fails the test that
     // ran it, whatever that test looks at.
     if (r.err.find("Sanitizer") != std::string::npos ||
@@ -248,7 +290,7 @@ std::string read_file(const std::string& path) {
 }
 
 Vmcu::Vmcu(Link link, const std::vector<std::string>& args) : link_(link) {
-    std::vector<std::string> argv = {MCU_VMCU_PATH};
+    std::vector<std::string> argv;
     if (link == kTty) {
         argv.push_back("--pty");
     } else {
@@ -259,6 +301,8 @@ Vmcu::Vmcu(Link link, const std::vector<std::string>& args) : link_(link) {
     argv.push_back("--log");
     argv.push_back(dir_.file("vmcu.log"));
     argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<std::string> no_env;
+    argv = target_command(MCU_VMCU_PATH, argv, &no_env);
     int outp[2];
     if (pipe(outp) != 0)
         return;
@@ -271,7 +315,7 @@ Vmcu::Vmcu(Link link, const std::vector<std::string>& args) : link_(link) {
         dup2(outp[1], 1);
         close(outp[0]);
         close(outp[1]);
-        execv(cargv[0], cargv.data());
+        execvp(cargv[0], cargv.data());
         _exit(127);
     }
     close(outp[1]);

@@ -29,6 +29,9 @@ RunResult run_tool(const std::vector<std::string>& args, const std::vector<std::
 // ASAN_OPTIONS entry that lets a sanitized tool run with a preloaded library.
 std::string preload_asan_options();
 
+// True when target programs run under a cross-compiling emulator.
+bool under_emulator();
+
 // Path of the tool under test, as the tests pass it for argv[0].
 const std::string& tool_path();
 
