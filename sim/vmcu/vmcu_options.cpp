@@ -265,7 +265,7 @@ bool parse_rule(const std::string& item, Rule* r, std::string* err) {
         unsigned long long v = 0;
         const unsigned long long max = e.action == Action::kBusy      ? 65535
                                        : e.action == Action::kCode    ? 255
-                                       : e.action == Action::kGarbage ? 100000
+                                       : e.action == Action::kGarbage ? 1000000
                                                                       : 0xFFFFFFFFULL;
         if (!parse_number(arg, max, &v)) {
             *err = "bad number in rule: " + item;

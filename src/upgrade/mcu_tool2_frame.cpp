@@ -39,6 +39,9 @@ uint8_t* wire_bytes(ST_MavlinkMsg* msg) {
 
 constexpr int kHeaderLen = 8;
 
+// Most bytes one TTY parse takes in without completing a frame.
+constexpr int kMaxScanBytes = 2 * (MAVLINK_MAX_PAYLOAD + MAVLINK_FRAME_OVERHEAD);
+
 // The parser's helpers report as the parser.
 constexpr const char* kRecv = "mcu_recv";
 
@@ -249,13 +252,19 @@ int mcu_recv(ST_MavlinkMsg* msg, uint8_t* buf, int length) {
         return -1;
     }
     if (m_serial_type == SERIAL_TYPE_TTY) {
-        for (;;) {
+        // A line that never falls silent and never completes a frame (noise,
+        // a wrong rate) would keep this loop going for ever; two frames'
+        // worth of bytes without one is enough to give up and let the caller
+        // look at its clock.
+        for (int taken = 0; taken < kMaxScanBytes; taken++) {
             uint8_t data;
             if (mcu_read(m_serial_fd, &data, 1) < 0)
                 return -1;
             if (parse_byte(ctx, msg, data))
                 return finish_frame(ctx, msg);
         }
+        LOG_ERR("no frame within %d bytes\n", kMaxScanBytes);
+        return -1;
     }
     LOG_ERR("unknown serial device type : %s\n", strerror(errno));
     return -1;

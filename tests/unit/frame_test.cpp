@@ -2,7 +2,9 @@
 // scanning SPI blocks: layout, sequence numbers, length limits, every receive
 // check with its counter and debug line, resynchronisation and dumps.
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -419,6 +421,54 @@ TEST_F(ParserTest, ArgumentErrors) {
               0u)
         << text;
     expect_counts({});
+}
+
+}  // namespace
+}  // namespace unit
+
+namespace unit {
+namespace {
+
+// The TTY input mode, fed from a file: the end of the file reads like a
+// silent line.
+class TtyParserTest : public ModuleTest {
+protected:
+    void feed(const std::vector<uint8_t>& bytes) {
+        char path[] = "/tmp/mcu_tty_XXXXXX";
+        fd_ = mkstemp(path);
+        ASSERT_GE(fd_, 0);
+        unlink(path);
+        ASSERT_EQ(write(fd_, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+        lseek(fd_, 0, SEEK_SET);
+        m_serial_type = SERIAL_TYPE_TTY;
+        m_serial_fd = fd_;
+    }
+    void TearDown() override {
+        m_serial_fd = -1;
+        if (fd_ >= 0)
+            close(fd_);
+        ModuleTest::TearDown();
+    }
+    int fd_ = -1;
+};
+
+TEST_F(TtyParserTest, FrameAfterSilenceAndAfterEndlessNoise) {
+    const std::vector<uint8_t> ack = {0xFD, 0x00, 0x00, 0x01, 0x02, 0x01, 0xFE, 0xFF, 0x7B, 0x11};
+    m_tx_seq = 1;
+    // Two frames' worth of noise without a frame ends one parse with a
+    // diagnostic; the next parse takes up the stream and finds the frame.
+    std::vector<uint8_t> stream(2 * 65010 + 100, 0x00);
+    stream.insert(stream.end(), ack.begin(), ack.end());
+    feed(stream);
+    EXPECT_EQ(mcu_recv(&m_rx_msg, nullptr, 0), -1);
+    EXPECT_EQ(diag_lines(), "mcu_recv #, no frame within 130020 bytes\n");
+    EXPECT_EQ(mcu_recv(&m_rx_msg, nullptr, 0), 0);
+    EXPECT_EQ(m_rx_msg.msgid, CMD_ACK);
+    EXPECT_EQ(m_stts.rxPkts, 1u);
+    // Then the line is silent: -1 without a word.
+    clear_diag();
+    EXPECT_EQ(mcu_recv(&m_rx_msg, nullptr, 0), -1);
+    EXPECT_EQ(diag(), "");
 }
 
 }  // namespace
