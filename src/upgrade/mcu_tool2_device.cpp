@@ -71,6 +71,8 @@ int version_to_string(ST_Version* v, char* buf, int len) {
     return 0;
 }
 
+// The parameter types are those of the public header, which other programs
+// link against. NOLINTNEXTLINE(readability-non-const-parameter)
 int print_version(char* type, ST_Version* v) {
     if (v == nullptr) {
         LOG_ERR("null param\n");
@@ -93,8 +95,10 @@ int mcu_version(void) {
     if (ret < 0) {
         LOG_ERR("mcu_sendrecv fail\n");
     } else {
-        char software[] = "Software", bootloader[] = "Bootloader", hardware[] = "Hardware",
-             protocol[] = "Protocol";
+        char software[] = "Software";
+        char bootloader[] = "Bootloader";
+        char hardware[] = "Hardware";
+        char protocol[] = "Protocol";
         print_version(software, &versions[0]);
         print_version(bootloader, &versions[1]);
         print_version(hardware, &versions[2]);

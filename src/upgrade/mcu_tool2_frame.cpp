@@ -203,10 +203,11 @@ int build_frame(uint8_t msgid, const uint8_t* sendbuf, int len, const char* func
     // A null payload with a positive length leaves len zero bytes.
     if (sendbuf != nullptr && len > 0)
         memcpy(m_tx_msg.data, sendbuf, static_cast<size_t>(len));
-    uint16_t crc = crc_calculate(wire_bytes(&m_tx_msg) + 1, static_cast<uint16_t>(len + 7));
+    uint8_t* wire = wire_bytes(&m_tx_msg);
+    uint16_t crc = crc_calculate(wire + 1, static_cast<uint16_t>(len + 7));
     crc_accumulate(m_crc_extra, &crc);
-    wire_bytes(&m_tx_msg)[kHeaderLen + len] = static_cast<uint8_t>(crc & 0xFF);
-    wire_bytes(&m_tx_msg)[kHeaderLen + len + 1] = static_cast<uint8_t>(crc >> 8);
+    wire[kHeaderLen + len] = static_cast<uint8_t>(crc & 0xFF);
+    wire[kHeaderLen + len + 1] = static_cast<uint8_t>(crc >> 8);
     return len + MAVLINK_FRAME_OVERHEAD;
 }
 

@@ -41,6 +41,8 @@ int spi_configure(int fd, uint8_t mode, uint32_t speed_hz, uint8_t bits, const c
     return 0;
 }
 
+// The kernel writes the receive block through the address put into rx_buf.
+// NOLINTNEXTLINE(readability-non-const-parameter)
 int spi_transfer(int fd, const uint8_t* tx, uint8_t* rx) {
     // Speed, word size, delay and chip-select change stay 0: the device's
     // configured settings apply and chip select is released afterwards.

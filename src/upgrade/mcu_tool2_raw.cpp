@@ -28,14 +28,15 @@ int string2hex(const char* str, uint8_t* buf, int len) {
         return -1;
     }
     for (int i = 0; i < l / 2; i++) {
-        int hi = char2hex(str[2 * i]);
+        const int pos = 2 * i;  // the high digit's position in the text
+        int hi = char2hex(str[pos]);
         if (hi < 0) {
-            LOG_ERR("illegal char %c at %d\n", str[2 * i], 2 * i);
+            LOG_ERR("illegal char %c at %d\n", str[pos], pos);
             return -1;
         }
-        int lo = char2hex(str[2 * i + 1]);
+        int lo = char2hex(str[pos + 1]);
         if (lo < 0) {
-            LOG_ERR("illegal char %c at %d\n", str[2 * i + 1], 2 * i + 1);
+            LOG_ERR("illegal char %c at %d\n", str[pos + 1], pos + 1);
             return -1;
         }
         buf[i] = static_cast<uint8_t>((hi << 4) | lo);

@@ -113,7 +113,7 @@ int mcu_wait(int timeout) {
     FD_SET(m_serial_fd, &rfds);
     struct timeval tv;
     tv.tv_sec = timeout / 1000;
-    tv.tv_usec = (timeout % 1000) * 1000;
+    tv.tv_usec = static_cast<suseconds_t>(timeout % 1000) * 1000;
     int ret = select(m_serial_fd + 1, &rfds, nullptr, nullptr, &tv);
     if (ret > 0 && FD_ISSET(m_serial_fd, &rfds))
         return 1;
