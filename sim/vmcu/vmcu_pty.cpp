@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <termios.h>
 #include <time.h>
 #include <unistd.h>
@@ -46,9 +47,13 @@ public:
 
 private:
     void on_frame(const Frame& f);
-    void send(const Bytes& bytes);
-    // Sleeps for the wire time of nbytes at --baud, less `already_ms`.
-    void pace(size_t nbytes, int64_t already_ms = 0) const;
+    // Writes the bytes; with --baud only once their wire time, counted from
+    // `start_ns` (CLOCK_MONOTONIC, -1: from now), has passed.
+    void send(const Bytes& bytes, int64_t start_ns = -1);
+    // Wire time of nbytes at --baud, in nanoseconds (0 without --baud).
+    int64_t wire_ns(size_t nbytes) const;
+    // Sleeps until the absolute CLOCK_MONOTONIC time deadline_ns.
+    void sleep_until(int64_t deadline_ns) const;
 
     const Options& opt_;
     Mcu& mcu_;
@@ -60,7 +65,14 @@ private:
     std::string last_termios_;
     int64_t last_rx_ms_ = 0;
     int64_t frame_first_ms_ = -1;  // arrival of the first byte of the frame being received
+    int64_t frame_first_ns_ = -1;  // the same, in nanoseconds, for the pacing
 };
+
+int64_t now_ns() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
+}
 
 bool PtyLink::open_pty(std::string* err) {
     master_ = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
@@ -97,33 +109,43 @@ bool PtyLink::open_pty(std::string* err) {
         *err = std::string("fcntl: ") + std::strerror(errno);
         return false;
     }
+    // The line is emulated with absolute deadlines; the default timer slack
+    // (50 us per sleep) would add up over the thousands of frames of an upgrade.
+    if (opt_.baud > 0) {
+        prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+    }
     std::printf("pty: %s\n", path.c_str());
     std::fflush(stdout);
     return true;
 }
 
-void PtyLink::pace(size_t nbytes, int64_t already_ms) const {
-    if (opt_.baud <= 0 || nbytes == 0) {
-        return;
+int64_t PtyLink::wire_ns(size_t nbytes) const {
+    if (opt_.baud <= 0) {
+        return 0;
     }
-    const long long ns = static_cast<long long>(nbytes) * 10LL * 1000000000LL / opt_.baud -
-                         static_cast<long long>(already_ms) * 1000000LL;
-    if (ns <= 0) {
+    return static_cast<int64_t>(nbytes) * 10LL * 1000000000LL / opt_.baud;
+}
+
+void PtyLink::sleep_until(int64_t deadline_ns) const {
+    if (deadline_ns <= now_ns()) {
         return;
     }
     struct timespec ts;
-    ts.tv_sec = static_cast<time_t>(ns / 1000000000LL);
-    ts.tv_nsec = static_cast<long>(ns % 1000000000LL);
-    while (nanosleep(&ts, &ts) != 0 && errno == EINTR && !rt_.stop_requested()) {
+    ts.tv_sec = static_cast<time_t>(deadline_ns / 1000000000LL);
+    ts.tv_nsec = static_cast<long>(deadline_ns % 1000000000LL);
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) == EINTR &&
+           !rt_.stop_requested()) {
     }
 }
 
-void PtyLink::send(const Bytes& bytes) {
+void PtyLink::send(const Bytes& bytes, int64_t start_ns) {
     if (bytes.empty()) {
         return;
     }
     // With --baud the bytes reach the other side only after their wire time.
-    pace(bytes.size());
+    if (opt_.baud > 0) {
+        sleep_until((start_ns >= 0 ? start_ns : now_ns()) + wire_ns(bytes.size()));
+    }
     log_.line("TX " + to_hex(bytes));
     size_t done = 0;
     while (done < bytes.size()) {
@@ -148,6 +170,9 @@ void PtyLink::on_frame(const Frame& f) {
         last_termios_ = t;
     }
     log_.line("RX " + to_hex(f.wire));
+    // The instant the request's last byte could have arrived: the answer
+    // starts on the line from there.
+    int64_t done_ns = -1;
     if (opt_.baud > 0) {
         const int64_t first = frame_first_ms_ >= 0 ? frame_first_ms_ : last_rx_ms_;
         const long long wire_ms = static_cast<long long>(f.wire.size()) * 10000LL / opt_.baud;
@@ -155,11 +180,13 @@ void PtyLink::on_frame(const Frame& f) {
                   std::to_string(last_rx_ms_ - first) + " bytes " + std::to_string(f.wire.size()) +
                   " wire " + std::to_string(wire_ms));
         // The request is complete only once its last byte could have arrived.
-        pace(f.wire.size(), now_ms() - first);
+        done_ns = (frame_first_ns_ >= 0 ? frame_first_ns_ : now_ns()) + wire_ns(f.wire.size());
+        sleep_until(done_ns);
     }
     frame_first_ms_ = -1;
+    frame_first_ns_ = -1;
     const Reply r = mcu_.handle(f);
-    send(r.bytes);
+    send(r.bytes, done_ns);
 }
 
 int PtyLink::serve() {
@@ -197,11 +224,13 @@ int PtyLink::serve() {
                 last_rx_ms_ = now_ms();
                 if (frame_first_ms_ < 0) {
                     frame_first_ms_ = last_rx_ms_;
+                    frame_first_ns_ = now_ns();
                 }
                 log_.raw(buf, static_cast<size_t>(n));
                 rx_.feed(buf, static_cast<size_t>(n));
                 if (!rx_.partial()) {
                     frame_first_ms_ = -1;
+                    frame_first_ns_ = -1;
                 }
             } else if (n < 0 && errno != EAGAIN && errno != EINTR && errno != EIO) {
                 log_.line(std::string("EXIT read: ") + std::strerror(errno));
