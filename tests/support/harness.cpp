@@ -35,7 +35,8 @@ std::vector<std::string> emulator() {
     size_t start = 0;
     while (!spec.empty() && start <= spec.size()) {
         size_t bar = spec.find('|', start);
-        if (bar == std::string::npos) bar = spec.size();
+        if (bar == std::string::npos)
+            bar = spec.size();
         words.push_back(spec.substr(start, bar - start));
         start = bar + 1;
     }
@@ -154,7 +155,41 @@ std::string preload_asan_options() {
     return "ASAN_OPTIONS=" + opts + "verify_asan_link_order=0";
 }
 
-bool under_emulator() { return !emulator().empty(); }
+bool under_emulator() {
+    return !emulator().empty();
+}
+
+namespace {
+
+std::vector<std::string> wrapper_words() {
+    std::vector<std::string> words;
+    const char* text = getenv("MCU_TOOL_WRAPPER");
+    std::istringstream ss(text != nullptr ? text : "");
+    std::string w;
+    while (ss >> w)
+        words.push_back(w);
+    return words;
+}
+
+// Exit status that the wrapper reports its findings with.
+constexpr int kWrapperErrorStatus = 99;
+
+}  // namespace
+
+bool tool_wrapped() {
+    return !wrapper_words().empty();
+}
+
+double tool_slack_s() {
+    if (!tool_wrapped())
+        return 0;
+    const char* slack = getenv("MCU_TOOL_WRAPPER_SLACK_S");
+    return slack != nullptr && *slack ? atof(slack) : 3.0;
+}
+
+std::string after_tool_start_ms(int ms) {
+    return std::to_string(ms + static_cast<int>(tool_slack_s() * 1000));
+}
 
 const std::string& tool_path() {
     static const std::string path = MCU_TOOL_PATH;
@@ -165,14 +200,34 @@ RunResult run_tool(const std::vector<std::string>& args, const std::vector<std::
                    double limit_s) {
     std::vector<std::string> host_env = env;
     std::vector<std::string> cmd = target_command(tool_path(), args, &host_env);
-    RunResult r = run(cmd[0], std::vector<std::string>(cmd.begin() + 1, cmd.end()), host_env,
-                      limit_s);
+    const std::vector<std::string> wrapper = wrapper_words();
+    cmd.insert(cmd.begin(), wrapper.begin(), wrapper.end());
+    RunResult r =
+        run(cmd[0], std::vector<std::string>(cmd.begin() + 1, cmd.end()), host_env, limit_s);
+    if (!wrapper.empty()) {
+        // The wrapper's own lines start with "==<pid>==".
+        static const std::regex report_line(R"(^==[0-9]+==)");
+        std::string report, rest;
+        size_t start = 0;
+        while (start < r.err.size()) {
+            size_t end = r.err.find('\n', start);
+            end = end == std::string::npos ? r.err.size() : end + 1;
+            std::string line = r.err.substr(start, end - start);
+            (std::regex_search(line, report_line) ? report : rest) += line;
+            start = end;
+        }
+        if (!report.empty() || r.status == kWrapperErrorStatus)
+            ADD_FAILURE() << "report from " << wrapper[0] << " (exit status " << r.status << "):\n"
+                          << report;
+        r.err = rest;
+    }
     // In the sanitizer build every finding in the tool fails the test that
     // ran it, whatever that test looks at.
     if (r.err.find("Sanitizer") != std::string::npos ||
         r.err.find("runtime error:") != std::string::npos)
         ADD_FAILURE() << "sanitizer report from the tool:\n" << r.err;
-    if (r.status == 137) ADD_FAILURE() << "the tool did not end within " << limit_s << " s";
+    if (r.status == 137)
+        ADD_FAILURE() << "the tool did not end within " << limit_s << " s";
     return r;
 }
 

@@ -22,7 +22,11 @@ struct RunResult {
 RunResult run(const std::string& program, const std::vector<std::string>& args,
               const std::vector<std::string>& env = {}, double limit_s = 120);
 
-// Runs the tool under test.
+// Runs the tool under test, behind the words of the environment variable
+// MCU_TOOL_WRAPPER when it is set (a checker such as "valgrind
+// --error-exitcode=99 -q ..."). A report of the wrapper ("==<pid>==" lines on
+// standard error, or exit status 99) fails the test that ran the tool; the
+// report lines are removed from `err`.
 RunResult run_tool(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
                    double limit_s = 120);
 
@@ -31,6 +35,15 @@ std::string preload_asan_options();
 
 // True when target programs run under a cross-compiling emulator.
 bool under_emulator();
+
+// True when MCU_TOOL_WRAPPER puts a wrapper in front of the tool.
+bool tool_wrapped();
+// Seconds a wrapped tool may need beyond a native one to start and to end:
+// MCU_TOOL_WRAPPER_SLACK_S, else 3 with a wrapper; 0 without one. Tests that
+// time the tool, or emit at a fixed time after the MCU started, add it.
+double tool_slack_s();
+// Milliseconds as text, with the tool's slack added: for "--emit-start".
+std::string after_tool_start_ms(int ms);
 
 // Path of the tool under test, as the tests pass it for argv[0].
 const std::string& tool_path();
