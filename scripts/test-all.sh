@@ -1,26 +1,51 @@
 #!/usr/bin/env bash
-# Builds the tool and its tests (plain; with AddressSanitizer and
-# UndefinedBehaviorSanitizer; cross-compiled for AArch64 and run under
-# qemu-aarch64), warnings as errors, and runs the whole suite in each build
-# with CTest. The AArch64 build needs g++-aarch64-linux-gnu and qemu-user.
+# Builds and runs every test of the project, warnings as errors:
+#   1. plain build: unit and end-to-end tests, the 200-run upgrade soak;
+#   2. AddressSanitizer + UndefinedBehaviorSanitizer build: the same tests
+#      (without the soak, which the plain build already ran);
+#   3. AArch64 cross build, run under qemu-aarch64, and the static release
+#      binary;
+#   4. the fuzz targets, briefly, under libFuzzer with ASan and UBSan;
+#   5. the end-to-end tests of the upgrade, monitor and raw actions with the
+#      tool under valgrind memcheck;
+#   6. static analysis (clang-tidy, cppcheck);
+#   7. the installed tree (man page, completion, CMake package, pkg-config,
+#      the example against the virtual MCU), the README's transcripts, and
+#      the Debian packages for amd64 and arm64.
+# Dependencies: see the README (.ci/run installs them on Debian).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
+start=$SECONDS
+
+step() { echo; echo "== [$((SECONDS - start)) s] $*"; }
 
 run_suite() {
-    local dir=$1; shift
+    local dir=$1 filter=$2; shift 2
     cmake -S . -B "$dir" -DMCU_WERROR=ON "$@" >/dev/null
     cmake --build "$dir" -j"$jobs"
-    ctest --test-dir "$dir" -j"$jobs" --output-on-failure
+    # shellcheck disable=SC2086
+    ctest --test-dir "$dir" -j"$jobs" --output-on-failure $filter
 }
 
-echo "== plain build"
-run_suite build
-echo "== sanitizer build (address, undefined)"
-ASAN_OPTIONS=detect_leaks=1 run_suite build-asan -DMCU_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
-
-echo "== AArch64 cross build, run under qemu-aarch64"
-run_suite build-arm64 -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/aarch64-linux-gnu.cmake
-echo "== AArch64 static release binary"
+step "plain build"
+run_suite build ""
+step "sanitizer build (address, undefined)"
+ASAN_OPTIONS=detect_leaks=1 run_suite build-asan "-LE soak" -DMCU_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
+step "AArch64 cross build, run under qemu-aarch64"
+run_suite build-arm64 "" -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/aarch64-linux-gnu.cmake
+step "AArch64 static release binary"
 bash scripts/release-arm64.sh
 qemu-aarch64 build-arm64-release/src/upgrade/mcu_tool2 --calc-crc16 313233343536373839
+step "fuzz targets (libFuzzer, ASan, UBSan)"
+CC=clang CXX=clang++ run_suite build-fuzz "" -DMCU_FUZZ=ON -DMCU_BUILD_TESTS=OFF \
+    -DMCU_FUZZ_SMOKE_SECONDS=5
+step "valgrind memcheck of the end-to-end upgrade, monitor and raw tests"
+bash scripts/valgrind-e2e.sh
+step "static analysis"
+bash scripts/static-analysis.sh
+step "install, example, README transcripts, packages"
+bash scripts/check-install.sh
+BUILD_DIR=build bash scripts/readme-transcripts.sh --check
+bash scripts/package.sh
+step "all done"
