@@ -10,25 +10,15 @@
 #include "wire.h"
 
 using harness::id_row;
+using harness::link_name;
 using harness::normalize;
+using harness::open_lines;
 using harness::RunResult;
 using harness::Stats;
 using harness::stats_block;
 using harness::Vmcu;
 
 namespace {
-
-std::string link_name(const testing::TestParamInfo<Vmcu::Link>& info) {
-    return info.param == Vmcu::kTty ? "Tty" : "Spi";
-}
-
-std::string open_lines(const Vmcu& mcu) {
-    if (mcu.link() == Vmcu::kTty)
-        return "open " + mcu.dev() + " @ 115200\n";
-    return "open /dev/spidev0.0 @ 115200\n"
-           "mcu_open #, invalid spi speed: 115200, using default\n\n"
-           "========open_spi_serial: /dev/spidev0.0 success\n";
-}
 
 // Payloads of the frames that the MCU logged as received with `msgid`.
 std::vector<std::string> payloads(const Vmcu& mcu, uint8_t msgid) {

@@ -11,7 +11,9 @@
 #include "wire.h"
 
 using harness::id_row;
+using harness::link_name;
 using harness::normalize;
+using harness::open_lines;
 using harness::RunResult;
 using harness::Stats;
 using harness::stats_block;
@@ -29,19 +31,6 @@ const char kZeroVersions[] =
     "Bootloader: V0.0.0.0\n"
     "Hardware: V0.0.0.0\n"
     "Protocol: V0.0.0.0\n";
-
-std::string link_name(const testing::TestParamInfo<Vmcu::Link>& info) {
-    return info.param == Vmcu::kTty ? "Tty" : "Spi";
-}
-
-// What opening the device prints at the default speed.
-std::string open_lines(const Vmcu& mcu) {
-    if (mcu.link() == Vmcu::kTty)
-        return "open " + mcu.dev() + " @ 115200\n";
-    return "open /dev/spidev0.0 @ 115200\n"
-           "mcu_open #, invalid spi speed: 115200, using default\n\n"
-           "========open_spi_serial: /dev/spidev0.0 success\n";
-}
 
 // Statistics of a version query answered after `sent` transmissions.
 Stats version_stats(const Vmcu& mcu, unsigned sent) {
@@ -269,7 +258,8 @@ void expect_port_config(const std::string& rate) {
         {"echo", "0"},  {"isig", "0"},   {"opost", "0"},  {"ixon", "0"},    {"ixoff", "0"},
         {"icrnl", "0"}, {"inpck", "0"},  {"vmin", "0"},   {"vtime", "1"},   {"cbaud", "B" + rate},
     };
-    for (const auto& kv : want) EXPECT_EQ(t[kv.first], kv.second) << kv.first << " at " << rate;
+    for (const auto& kv : want)
+        EXPECT_EQ(t[kv.first], kv.second) << kv.first << " at " << rate;
     // The numeric rates come from termios2, which emulators may lack.
     if (t["termios2"] != "unsupported") {
         EXPECT_EQ(t["ispeed"], rate);
@@ -278,13 +268,15 @@ void expect_port_config(const std::string& rate) {
 }
 
 TEST(Tty, PortIsConfiguredRaw8N1WithTheRequestedRate) {
-    for (const char* rate : {"9600", "115200", "230400", "460800"}) expect_port_config(rate);
+    for (const char* rate : {"9600", "115200", "230400", "460800"})
+        expect_port_config(rate);
 }
 
 TEST(Tty, PortRunsAtTheHighestListedRates) {
     if (harness::under_emulator())
         GTEST_SKIP() << "qemu-user 7.2 turns the B921600 and B1152000 rate codes into B0";
-    for (const char* rate : {"921600", "1152000"}) expect_port_config(rate);
+    for (const char* rate : {"921600", "1152000"})
+        expect_port_config(rate);
 }
 
 TEST(Tty, ArbitraryRateIsAnnouncedAndReallyApplied) {

@@ -9,7 +9,9 @@
 #include "harness.h"
 
 using harness::id_row;
+using harness::link_name;
 using harness::normalize;
+using harness::open_lines;
 using harness::RunResult;
 using harness::Stats;
 using harness::stats_block;
@@ -17,18 +19,6 @@ using harness::TempDir;
 using harness::Vmcu;
 
 namespace {
-
-std::string link_name(const testing::TestParamInfo<Vmcu::Link>& info) {
-    return info.param == Vmcu::kTty ? "Tty" : "Spi";
-}
-
-std::string open_lines(const Vmcu& mcu) {
-    if (mcu.link() == Vmcu::kTty)
-        return "open " + mcu.dev() + " @ 115200\n";
-    return "open /dev/spidev0.0 @ 115200\n"
-           "mcu_open #, invalid spi speed: 115200, using default\n\n"
-           "========open_spi_serial: /dev/spidev0.0 success\n";
-}
 
 std::string random_image(size_t n, unsigned seed) {
     std::mt19937 gen(seed);

@@ -441,4 +441,16 @@ std::vector<std::string> Vmcu::log(const std::string& prefix) const {
     return out;
 }
 
+std::string link_name(const testing::TestParamInfo<Vmcu::Link>& info) {
+    return info.param == Vmcu::kTty ? "Tty" : "Spi";
+}
+
+std::string open_lines(const Vmcu& mcu) {
+    if (mcu.link() == Vmcu::kTty)
+        return "open " + mcu.dev() + " @ 115200\n";
+    return "open /dev/spidev0.0 @ 115200\n"
+           "mcu_open #, invalid spi speed: 115200, using default\n\n"
+           "========open_spi_serial: /dev/spidev0.0 success\n";
+}
+
 }  // namespace harness

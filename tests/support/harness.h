@@ -4,6 +4,8 @@
 #ifndef MCU_TEST_HARNESS_H
 #define MCU_TEST_HARNESS_H
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
 
@@ -129,6 +131,11 @@ private:
     int pid_ = -1;
     int out_fd_ = -1;
 };
+
+// Test-name suffix of a link: "Tty" or "Spi".
+std::string link_name(const testing::TestParamInfo<Vmcu::Link>& info);
+// What the tool prints when it opens the MCU's device at the default speed.
+std::string open_lines(const Vmcu& mcu);
 
 }  // namespace harness
 
