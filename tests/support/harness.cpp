@@ -31,13 +31,13 @@ double now_s() {
 // The emulator that runs target programs in a cross build, if any.
 std::vector<std::string> emulator() {
     std::vector<std::string> words;
-    std::string spec = MCU_EMULATOR;
+    std::string words_text = MCU_EMULATOR;
     size_t start = 0;
-    while (!spec.empty() && start <= spec.size()) {
-        size_t bar = spec.find('|', start);
+    while (!words_text.empty() && start <= words_text.size()) {
+        size_t bar = words_text.find('|', start);
         if (bar == std::string::npos)
-            bar = spec.size();
-        words.push_back(spec.substr(start, bar - start));
+            bar = words_text.size();
+        words.push_back(words_text.substr(start, bar - start));
         start = bar + 1;
     }
     return words;
