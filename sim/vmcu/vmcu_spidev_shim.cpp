@@ -34,6 +34,7 @@ struct Device {
     uint32_t speed = 500000;
     uint8_t bits = 8;
     uint8_t lsb = 0;
+    int lock_fd = -1;  // file locked in the device's name (see flock)
 };
 
 Device g_dev[kMaxFd];
@@ -50,6 +51,7 @@ using Open2Fn = int (*)(const char*, int);
 using OpenAt2Fn = int (*)(int, const char*, int);
 using IoctlFn = int (*)(int, unsigned long, ...);
 using CloseFn = int (*)(int);
+using FlockFn = int (*)(int, int);
 
 bool is_spidev(const char* path) {
     return path != nullptr && strstr(path, "spidev0.0") != nullptr;
@@ -352,10 +354,32 @@ int ioctl(int fd, unsigned long request, ...) {
     return next_symbol<IoctlFn>("ioctl")(fd, request, arg);
 }
 
+// Every opener of a real spidev node shares its inode, so flock on it keeps
+// other programs out; each vmcu connection is a socket of its own, so the
+// lock is taken on a file beside the vmcu's socket instead.
+int flock(int fd, int op) {
+    if (!is_ours(fd))
+        return next_symbol<FlockFn>("flock")(fd, op);
+    char path[sizeof(sockaddr_un::sun_path) + 8];
+    snprintf(path, sizeof path, "%s.lock", getenv("VMCU_SPI_SOCKET"));
+    const int lfd = next_symbol<OpenFn>("open")(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (lfd < 0 || next_symbol<FlockFn>("flock")(lfd, op) != 0) {
+        const int e = errno;
+        if (lfd >= 0)
+            next_symbol<CloseFn>("close")(lfd);
+        errno = e;
+        return -1;
+    }
+    g_dev[fd].lock_fd = lfd;
+    return 0;
+}
+
 int close(int fd) {
     if (is_ours(fd)) {
         std::lock_guard<std::mutex> lock(g_mutex);
         g_dev[fd].used = false;
+        if (g_dev[fd].lock_fd >= 0)
+            next_symbol<CloseFn>("close")(g_dev[fd].lock_fd);
     }
     return next_symbol<CloseFn>("close")(fd);
 }

@@ -155,6 +155,10 @@ void usage(const char* progname) {
 }
 
 int main(int argc, char** argv) {
+    // Every line reaches a pipe or a log collector as it is printed, not when
+    // stdio's buffer fills, so a reader sees the monitor and the traces live
+    // and a killed tool loses nothing it printed.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
     int action = OP_NONE;
     int timeout = 10;
     int loopback = 0;

@@ -1,13 +1,75 @@
 // What the MCU sends on its own or in answer to a debug request: heartbeats,
 // debug replies, and the monitor that prints every message (or those of one
 // id) for a given time. Output goes to standard output, flushed per line.
+// SIGINT or SIGTERM during the monitor ends it as if its time were up.
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "mcu_tool2_internal.h"
 
+int m_wake_fd = -1;
+
 namespace {
+
+// Set by SIGINT or SIGTERM while the monitor runs. The handler also writes a
+// byte into a pipe whose read end (m_wake_fd) the readiness wait watches
+// beside the device, so a signal that lands just before the wait still ends
+// it at once instead of after the whole time-out.
+volatile sig_atomic_t m_monitor_stop = 0;
+int m_wake_pipe[2] = {-1, -1};
+
+void on_stop_signal(int) {
+    int saved = errno;
+    m_monitor_stop = 1;
+    if (m_wake_pipe[1] >= 0) {
+        ssize_t n = write(m_wake_pipe[1], "", 1);
+        (void)n;
+    }
+    errno = saved;
+}
+
+// Catches the stop signals for the monitor's lifetime and restores what was
+// there before when it ends. They are caught even where the shell started
+// the tool ignoring SIGINT (a background job of a script), so that `kill
+// -INT` ends a monitor the same way everywhere.
+struct StopSignals {
+    static constexpr int kSignals[2] = {SIGINT, SIGTERM};
+    struct sigaction old[2];
+    bool caught[2] = {false, false};
+
+    StopSignals() {
+        m_monitor_stop = 0;
+        if (pipe2(m_wake_pipe, O_CLOEXEC | O_NONBLOCK) == 0)
+            m_wake_fd = m_wake_pipe[0];
+        struct sigaction sa;
+        memset(&sa, 0, sizeof sa);
+        sa.sa_handler = on_stop_signal;
+        sigemptyset(&sa.sa_mask);
+        sa.sa_flags = SA_RESTART;  // device reads resume; the wait ends
+        for (int i = 0; i < 2; i++) {
+            caught[i] = sigaction(kSignals[i], &sa, &old[i]) == 0;
+        }
+    }
+    ~StopSignals() {
+        for (int i = 0; i < 2; i++) {
+            if (caught[i])
+                sigaction(kSignals[i], &old[i], nullptr);
+        }
+        m_wake_fd = -1;
+        for (int& fd : m_wake_pipe) {
+            if (fd >= 0)
+                close(fd);
+            fd = -1;
+        }
+    }
+    StopSignals(const StopSignals&) = delete;
+    StopSignals& operator=(const StopSignals&) = delete;
+};
 
 // Pause between SPI monitor passes that found nothing, so the loop never
 // spins; the MCU's output is collected one 528-byte transfer per pass.
@@ -134,10 +196,11 @@ int mcu_monitor(uint8_t msgid, int timeout) {
     m_sys_id_check = 0;
     m_comp_id_check = 0;
     m_msgid_check = 0;
-    // 4. Start.
+    // 4. Start; from here a stop signal ends the monitor like its time.
+    StopSignals stop_signals;
     int32_t tick0 = Time_GetMs();
     // 5. Listen until the time is up.
-    while (elapsed_ms(tick0) < timeout) {
+    while (m_monitor_stop == 0 && elapsed_ms(tick0) < timeout) {
         if (m_serial_type == SERIAL_TYPE_SPI) {
             // 5.1-5.2 on SPI: one listening transfer, then its first frame.
             uint8_t block[SPI_BLOCK_SIZE];
@@ -150,6 +213,8 @@ int mcu_monitor(uint8_t msgid, int timeout) {
         } else {
             // 5.1 Wait for input, each wait given the whole time-out.
             if (mcu_wait(timeout) <= 0) {
+                if (m_monitor_stop != 0)
+                    break;
                 LOG_DBG("mcu_wait fail\n");
                 continue;
             }

@@ -84,7 +84,11 @@ int spi_transfer(int fd, const uint8_t* tx, uint8_t* rx);
 // ---- transport (mcu_tool2_transport.cpp) --------------------------------
 int mcu_write(int fd, uint8_t* sendbuf, int len, uint8_t* recvbuf);
 int mcu_read(int fd, uint8_t* buf, int len);
+// Waits for TTY input; also ends when m_wake_fd (when not -1) turns
+// readable or a signal interrupts it. 1 input ready, 0 none, -1 error.
 int mcu_wait(int timeout);
+// Read end of the monitor's stop pipe, -1 outside the monitor.
+extern int m_wake_fd;
 
 // ---- frame (mcu_tool2_frame.cpp) ----------------------------------------
 int mcu_package(uint8_t msgid, uint8_t* sendbuf, int len);

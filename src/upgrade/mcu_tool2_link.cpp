@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/file.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -24,6 +25,18 @@ constexpr RateEntry kTtyRates[] = {
     {9600, B9600},     {115200, B115200}, {230400, B230400},
     {460800, B460800}, {921600, B921600}, {1152000, B1152000},
 };
+
+// One tool per device: an exclusive lock taken as soon as the device is
+// open, before anything is sent or configured, so a second tool cannot read
+// the answers meant for the first. 0 when the lock is held (or the device
+// offers no locking), -1 with the device closed when another holds it.
+int lock_device(int fd, const char* serialname) {
+    if (flock(fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK)
+        return 0;
+    LOG_ERR("%s is in use by another program\n", serialname);
+    mcu_close(fd);
+    return -1;
+}
 
 // Only bus 0, chip select 0 is an SPI link; every other path is a TTY.
 uint8_t link_kind(const char* path) {
@@ -67,6 +80,8 @@ int mcu_open(const char* serialname, int baudrate) {
             LOG_ERR("can't open device %s failed, %s\n\n", serialname, strerror(errno));
             return -1;
         }
+        if (lock_device(fd, serialname) < 0)
+            return -1;
         if (baudrate != SPI_SPEED_HZ)
             LOG_ERR("invalid spi speed: %d, using default\n\n", baudrate);
         const char* what = "";
@@ -86,6 +101,8 @@ int mcu_open(const char* serialname, int baudrate) {
         LOG_ERR("open %s fail : %s\n", serialname, strerror(errno));
         return -1;
     }
+    if (lock_device(fd, serialname) < 0)
+        return -1;
     // Blocking from here on: reads wait for VTIME, writes for the kernel.
     if (fcntl(fd, F_SETFL, 0) < 0) {
         LOG_ERR("fcntl %s fail : %s\n", serialname, strerror(errno));

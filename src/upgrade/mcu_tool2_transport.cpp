@@ -111,15 +111,23 @@ int mcu_wait(int timeout) {
     fd_set rfds;
     FD_ZERO(&rfds);
     FD_SET(m_serial_fd, &rfds);
+    int nfds = m_serial_fd + 1;
+    // The monitor's stop pipe ends the wait as soon as a stop is requested.
+    if (m_wake_fd >= 0 && m_wake_fd < FD_SETSIZE) {
+        FD_SET(m_wake_fd, &rfds);
+        if (m_wake_fd >= nfds)
+            nfds = m_wake_fd + 1;
+    }
     struct timeval tv;
     tv.tv_sec = timeout / 1000;
     tv.tv_usec = static_cast<suseconds_t>(timeout % 1000) * 1000;
-    int ret = select(m_serial_fd + 1, &rfds, nullptr, nullptr, &tv);
+    int ret = select(nfds, &rfds, nullptr, nullptr, &tv);
     if (ret > 0 && FD_ISSET(m_serial_fd, &rfds))
         return 1;
-    if (ret == 0)
+    // Time up, only the stop pipe ready, or interrupted by a stop signal:
+    // no input.
+    if (ret >= 0 || errno == EINTR)
         return 0;
-    if (ret < 0)
-        LOG_ERR("select fail : %s\n", strerror(errno));
+    LOG_ERR("select fail : %s\n", strerror(errno));
     return -1;
 }
