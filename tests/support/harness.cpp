@@ -12,6 +12,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -69,7 +70,7 @@ std::vector<std::string> target_command(const std::string& program,
 }  // namespace
 
 RunResult run(const std::string& program, const std::vector<std::string>& args,
-              const std::vector<std::string>& env, double limit_s) {
+              const std::vector<std::string>& env, double limit_s, Signal sig) {
     RunResult r;
     int outp[2], errp[2];
     if (pipe(outp) != 0 || pipe(errp) != 0)
@@ -113,12 +114,21 @@ RunResult run(const std::string& program, const std::vector<std::string>& args,
     std::string* sinks[2] = {&r.out, &r.err};
     int open_fds = 2;
     bool killed = false;
+    bool signalled = sig.sig == 0;
     while (open_fds > 0) {
         double left = limit_s - (now_s() - start);
         if (left <= 0 && !killed) {
             kill(pid, SIGKILL);
             killed = true;
         }
+        double to_signal = sig.after_s - (now_s() - start);
+        if (!signalled && to_signal <= 0) {
+            r.out_at_signal = r.out;
+            kill(pid, sig.sig);
+            signalled = true;
+        }
+        if (!signalled)
+            left = std::min(left, to_signal);
         int ret = poll(fds, 2, killed ? 1000 : static_cast<int>(left * 1000) + 1);
         if (ret < 0)
             break;
@@ -197,13 +207,13 @@ const std::string& tool_path() {
 }
 
 RunResult run_tool(const std::vector<std::string>& args, const std::vector<std::string>& env,
-                   double limit_s) {
+                   double limit_s, Signal sig) {
     std::vector<std::string> host_env = env;
     std::vector<std::string> cmd = target_command(tool_path(), args, &host_env);
     const std::vector<std::string> wrapper = wrapper_words();
     cmd.insert(cmd.begin(), wrapper.begin(), wrapper.end());
     RunResult r =
-        run(cmd[0], std::vector<std::string>(cmd.begin() + 1, cmd.end()), host_env, limit_s);
+        run(cmd[0], std::vector<std::string>(cmd.begin() + 1, cmd.end()), host_env, limit_s, sig);
     if (!wrapper.empty()) {
         // The wrapper's own lines start with "==<pid>==".
         static const std::regex report_line(R"(^==[0-9]+==)");

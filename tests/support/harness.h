@@ -16,13 +16,21 @@ struct RunResult {
     std::string err;  // standard error
     int status = -1;  // exit status, or 128 + signal
     double seconds = 0;
+    std::string out_at_signal;  // standard output read before the signal was sent
+};
+
+// A signal sent to the child `after_s` seconds after it started (none when
+// `sig` is 0).
+struct Signal {
+    int sig = 0;
+    double after_s = 0;
 };
 
 // Runs `program` with `args`; `env` entries ("NAME=value") are added to the
 // environment. A child still running after `limit_s` seconds is killed and
 // the run reported as status 137.
 RunResult run(const std::string& program, const std::vector<std::string>& args,
-              const std::vector<std::string>& env = {}, double limit_s = 120);
+              const std::vector<std::string>& env = {}, double limit_s = 120, Signal sig = {});
 
 // Runs the tool under test, behind the words of the environment variable
 // MCU_TOOL_WRAPPER when it is set (a checker such as "valgrind
@@ -30,7 +38,7 @@ RunResult run(const std::string& program, const std::vector<std::string>& args,
 // standard error, or exit status 99) fails the test that ran the tool; the
 // report lines are removed from `err`.
 RunResult run_tool(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
-                   double limit_s = 120);
+                   double limit_s = 120, Signal sig = {});
 
 // ASAN_OPTIONS entry that lets a sanitized tool run with a preloaded library.
 std::string preload_asan_options();

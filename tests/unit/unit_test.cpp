@@ -1,0 +1,121 @@
+// Unit tests of what the end-to-end cases cannot reach cheaply: checksum
+// known-answer vectors, the frame layout at its limits, the hex conversion's
+// capacity bound and the TTY parser's bound on noise.
+#include <gtest/gtest.h>
+#include <stdarg.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "mcu_tool2_internal.h"
+
+namespace {
+
+const uint8_t kDigits[] = {'1', '2', '3', '4', '5', '6', '7', '8', '9'};
+std::string g_diag;
+
+int capture(const char* fmt, ...) {
+    char buf[512];
+    va_list ap;
+    va_start(ap, fmt);
+    int n = vsnprintf(buf, sizeof buf, fmt, ap);
+    va_end(ap);
+    g_diag += buf;
+    return n;
+}
+
+class Unit : public testing::Test {
+protected:
+    void SetUp() override {
+        pfn_print = capture;
+        g_diag.clear();
+        set_comp_id(1);
+        m_tx_seq = 0;
+        m_crc_extra = 0;
+        clear_stts(&m_stts);
+    }
+    void TearDown() override { pfn_print = printf; }
+};
+
+TEST_F(Unit, ChecksumKnownAnswers) {
+    EXPECT_EQ(crc_calculate(kDigits, 9), 0x6F91);  // CRC-16/MCRF4XX check value
+    uint16_t acc;
+    crc_init(&acc);
+    for (uint8_t b : kDigits)
+        crc_accumulate(b, &acc);
+    EXPECT_EQ(acc, 0x6F91);
+    EXPECT_EQ(sum_u8(kDigits, 9), 0xDD);
+    EXPECT_EQ(calc_crc8(0x00, kDigits, 9), 0xF4);
+    EXPECT_EQ(calc_crc8(calc_crc8(0, kDigits, 4), kDigits + 4, 5), 0xF4);
+    EXPECT_EQ(calc_crc32(kDigits, 8), 0x97F8EFA0u);
+    // The extra-byte table, pinned by its entry count and an index-weighted sum.
+    int entries = 0;
+    long weighted = 0;
+    for (int id = 0; id < CMD_NUM_MAX; id++) {
+        entries += msg_crcs[id] != 0;
+        weighted += static_cast<long>(id) * msg_crcs[id];
+    }
+    EXPECT_EQ(entries, 61);
+    EXPECT_EQ(weighted, 560166);
+    EXPECT_EQ(msg_crcs[0], 34);
+}
+
+TEST_F(Unit, FrameLayoutAtTheLengthLimits) {
+    std::vector<uint8_t> payload(MAVLINK_MAX_PAYLOAD, 0x3C);
+    EXPECT_EQ(mcu_package(CMD_DOWNLOADING, payload.data(), 300), 310);
+    EXPECT_EQ(m_tx_msg.len, 0x2C);
+    EXPECT_EQ(m_tx_msg.len_h, 0x01);
+    EXPECT_EQ(mcu_package(CMD_DOWNLOADING, payload.data(), 65000), 65010);
+    EXPECT_EQ(m_tx_msg.len | (m_tx_msg.len_h << 8), 65000);
+    const uint8_t* wire = reinterpret_cast<const uint8_t*>(&m_tx_msg);
+    EXPECT_EQ(wire[7], sum_u8(wire, 7));  // header sum
+    uint16_t crc = crc_calculate(wire + 1, 7 + 65000);
+    crc_accumulate(msg_crcs[CMD_DOWNLOADING], &crc);
+    EXPECT_EQ(wire[65008] | (wire[65009] << 8), crc);
+    EXPECT_EQ(m_tx_msg.crc, crc) << "the CRC bytes fall on the record's crc field";
+    // Out-of-range lengths use no sequence number.
+    EXPECT_EQ(mcu_package(CMD_DOWNLOADING, payload.data(), 65001), -1);
+    EXPECT_EQ(mcu_package(CMD_DOWNLOADING, payload.data(), -1), -1);
+    EXPECT_EQ(m_tx_seq, 2);
+    for (int i = 3; i <= 258; i++) {
+        ASSERT_EQ(mcu_package(CMD_HEARBEAT, nullptr, 0), 10);
+        ASSERT_EQ(m_tx_msg.seq, i & 0xFF);
+    }
+}
+
+TEST_F(Unit, HexConversionStopsAtTheCapacity) {
+    uint8_t buf[4] = {0xEE, 0xEE, 0xEE, 0xEE};
+    EXPECT_EQ(string2hex("0123456789", buf, 3), -1);
+    EXPECT_EQ(buf[0], 0xEE);
+    EXPECT_EQ(string2hex("01aBcd", buf, 3), 3);
+    EXPECT_EQ(buf[1], 0xAB);
+    EXPECT_EQ(buf[2], 0xCD);
+    EXPECT_EQ(buf[3], 0xEE);
+    EXPECT_EQ(string2hex("12", nullptr, 3), -1);
+    EXPECT_NE(g_diag.find("buffer too small 3 < 5"), std::string::npos) << g_diag;
+}
+
+TEST_F(Unit, TtyParseGivesUpAfterTwoFramesOfNoise) {
+    const std::vector<uint8_t> ack = {0xFD, 0x00, 0x00, 0x01, 0x02, 0x01, 0xFE, 0xFF, 0x7B, 0x11};
+    std::vector<uint8_t> stream(2 * 65010 + 100, 0x00);
+    stream.insert(stream.end(), ack.begin(), ack.end());
+    char path[] = "/tmp/mcu_tty_XXXXXX";
+    int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    unlink(path);
+    ASSERT_EQ(write(fd, stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
+    lseek(fd, 0, SEEK_SET);
+    m_serial_type = SERIAL_TYPE_TTY;
+    m_serial_fd = fd;
+    m_tx_seq = 1;  // an ACK from the target (1) to the tool (2)
+    EXPECT_EQ(mcu_recv(&m_rx_msg, nullptr, 0), -1);
+    EXPECT_NE(g_diag.find("no frame within 130020 bytes"), std::string::npos) << g_diag;
+    EXPECT_EQ(mcu_recv(&m_rx_msg, nullptr, 0), 0) << g_diag;
+    EXPECT_EQ(m_rx_msg.msgid, CMD_ACK);
+    m_serial_fd = -1;
+    close(fd);
+}
+
+}  // namespace
