@@ -75,7 +75,7 @@ std::vector<Case> load_cases() {
                     lines.push_back(l.find('|') == 3 || prefix.empty() ? l : prefix + l);
             b.erase(b.begin() + static_cast<long>(i));
             b.insert(b.begin() + static_cast<long>(i), lines.begin(), lines.end());
-            i += lines.size() - 1;
+            i--;  // pieces may hold pieces
         }
         std::string links = "";
         for (const std::string& l : b)
