@@ -218,6 +218,12 @@ int mcu_monitor(uint8_t msgid, int timeout) {
                 LOG_DBG("mcu_wait fail\n");
                 continue;
             }
+            // A hung-up device stays readable without a byte to read; the
+            // monitor ends rather than spin until its time is up.
+            if (tty_hung_up(m_serial_fd)) {
+                LOG_ERR("%s hung up\n", m_serial_dev);
+                return -1;
+            }
             // 5.2 One frame from the line.
             if (mcu_recv(&m_rx_msg, nullptr, 0) < 0) {
                 LOG_DBG("mcu recv fail\n");

@@ -75,6 +75,9 @@ extern const unsigned int kTtyBotherFlag;
 // Puts the numeric rate into the port's termios2 speed fields with BOTHER.
 // 0 on success, -1 when the kernel refuses termios2 (errno kept).
 int tty_set_custom_rate(int fd, int rate);
+// True when a TTY that select reports readable has no byte to read: the
+// other end hung up (a closed pseudo-terminal, an unplugged USB adapter).
+bool tty_hung_up(int fd);
 // Sets mode, clock and word size of a spidev node, each written then read
 // back. 0 on success; on failure -1 with *what naming the setting.
 int spi_configure(int fd, uint8_t mode, uint32_t speed_hz, uint8_t bits, const char** what);

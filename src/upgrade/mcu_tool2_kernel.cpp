@@ -2,7 +2,8 @@
 // with the C library's <termios.h>:
 // - termios2 (TCGETS2/TCSETS2 with BOTHER) carries a numeric baud rate that
 //   the classic Bxxx constants cannot express;
-// - spidev ioctls set up the SPI node and run full-duplex transfers.
+// - spidev ioctls set up the SPI node and run full-duplex transfers;
+// - the count of unread input bytes tells a hung-up TTY from a ready one.
 // Both exist in glibc and bionic builds alike, as they come from the kernel's
 // own headers.
 #include <asm/termbits.h>
@@ -24,6 +25,11 @@ int tty_set_custom_rate(int fd, int rate) {
     tio.c_ispeed = static_cast<speed_t>(rate);
     tio.c_ospeed = static_cast<speed_t>(rate);
     return ioctl(fd, TCSETS2, &tio) == 0 ? 0 : -1;
+}
+
+bool tty_hung_up(int fd) {
+    int pending = 0;
+    return ioctl(fd, FIONREAD, &pending) != 0 || pending == 0;
 }
 
 int spi_configure(int fd, uint8_t mode, uint32_t speed_hz, uint8_t bits, const char** what) {

@@ -333,9 +333,18 @@ void run_case(const Case& c) {
         sig.sig = s[0] == "INT" ? SIGINT : SIGTERM;
         sig.after_s = std::stod(s[1]) + harness::tool_slack_s();
     }
+    // An MCU that goes away while the tool runs ("mcu-stop: SECONDS").
+    std::thread stopper;
+    if (!field("mcu-stop").empty())
+        stopper = std::thread([&] {
+            usleep(static_cast<useconds_t>(
+                (std::stod(field("mcu-stop")) + harness::tool_slack_s()) * 1e6));
+            mcu->stop();
+        });
     RunResult r = harness::run_tool(command(field("args")), env, 120, sig);
-    if (holder.joinable())
-        holder.join();
+    for (std::thread* t : {&holder, &stopper})
+        if (t->joinable())
+            t->join();
     if (mcu)
         mcu->stop();
 
