@@ -144,40 +144,51 @@ void replace_all(std::string* s, const std::string& from, const std::string& to)
 }
 
 // "@stats tx=B/P/F txid=db:1,d5:2 rx=B/P fail=crc/len/sum/seq/sys/dst/cmd
-// rxid=... mode=monitor|noseq|flood" as the block the tool prints.
+// rxid=... mode=monitor|noseq|flood" as the block the tool prints. The
+// monitor drops the Seq, Sys, Dst and Cmd lines, the flood test Seq, Sys and
+// Dst, --ignore-seq the Seq line.
 std::string stats(const std::string& spec) {
-    harness::Stats s;
-    auto nums = [](const std::string& v, std::vector<unsigned*> to) {
-        std::istringstream ss(v);
-        std::string n;
-        for (unsigned* t : to)
-            if (std::getline(ss, n, '/'))
-                *t = static_cast<unsigned>(std::stoul(n));
+    std::map<std::string, std::string> kv;
+    for (const std::string& w : words(spec))
+        kv[w.substr(0, w.find('='))] = w.substr(w.find('=') + 1);
+    auto nums = [&kv](const std::string& key, size_t count) {
+        std::vector<unsigned> n(count, 0);
+        std::istringstream ss(kv[key]);
+        std::string v;
+        for (size_t i = 0; i < count && std::getline(ss, v, '/'); i++)
+            n[i] = static_cast<unsigned>(std::stoul(v));
+        return n;
     };
-    auto rows = [](const std::string& v) {
+    auto rows = [&kv](const std::string& key) {
         std::string r;
-        std::istringstream ss(v);
-        for (std::string item; std::getline(ss, item, ',');)
-            r += harness::id_row(std::stoul(item.substr(0, 2), nullptr, 16),
-                                 std::stoul(item.substr(3)));
+        std::istringstream ss(kv[key]);
+        char buf[64];
+        for (std::string item; std::getline(ss, item, ',');) {
+            snprintf(buf, sizeof buf, "   [0x%s]    %8lu\n", item.substr(0, 2).c_str(),
+                     std::stoul(item.substr(3)));
+            r += buf;
+        }
         return r;
     };
-    for (const std::string& kv : words(spec)) {
-        std::string k = kv.substr(0, kv.find('=')), v = kv.substr(kv.find('=') + 1);
-        if (k == "tx")
-            nums(v, {&s.tx_bytes, &s.tx_pkts, &s.tx_fail});
-        else if (k == "rx")
-            nums(v, {&s.rx_bytes, &s.rx_pkts});
-        else if (k == "fail")
-            nums(v, {&s.crc, &s.len, &s.sum, &s.seq, &s.sys, &s.dst, &s.cmd});
-        else if (k == "txid")
-            s.tx_rows = rows(v);
-        else if (k == "rxid")
-            s.rx_rows = rows(v);
-        else if (k == "mode")
-            (v == "monitor" ? s.monitor : v == "noseq" ? s.no_seq : s.flood) = true;
-    }
-    return harness::stats_block(s);
+    auto line = [](const char* label, unsigned v) {
+        char buf[64];
+        snprintf(buf, sizeof buf, "%s%8u\n", label, v);
+        return std::string(buf);
+    };
+    const std::string mode = kv["mode"];
+    std::vector<unsigned> tx = nums("tx", 3), rx = nums("rx", 2), f = nums("fail", 7);
+    std::string t = "=============================\nFenlink statistics: elapse #.### s\n";
+    t += line("TX Bytes:    ", tx[0]) + line("TX Packets:  ", tx[1]) + line("TX Fail:     ", tx[2]);
+    t += "TX messages:\n" + rows("txid");
+    t += line("RX Bytes:    ", rx[0]) + line("RX Packets:  ", rx[1]);
+    t += line("RX CRC Fail: ", f[0]) + line("RX Len Fail: ", f[1]) + line("RX Sum Fail: ", f[2]);
+    if (mode.empty())
+        t += line("RX Seq Fail: ", f[3]);
+    if (mode.empty() || mode == "noseq")
+        t += line("RX Sys Fail: ", f[4]) + line("RX Dst Fail: ", f[5]);
+    if (mode != "monitor")
+        t += line("RX Cmd Fail: ", f[6]);
+    return t + "RX messages:\n" + rows("rxid") + "=============================\n";
 }
 
 struct Context {
@@ -198,7 +209,7 @@ std::string transcript(const std::vector<std::string>& lines, const Context& cx)
     std::string t;
     for (const std::string& l : lines) {
         if (l == "@open")
-            t += harness::open_lines(*cx.mcu);
+            t += cx.mcu->open_lines();
         else if (l == "@usage")
             t += harness::usage_text();
         else if (l == "@version")
@@ -298,7 +309,8 @@ void run_case(const Case& c) {
     std::vector<std::string> mcu_args = words(field("mcu"));
     for (std::string& a : mcu_args)
         if (a.rfind("$START+", 0) == 0)  // emission start, after the tool's start-up
-            a = harness::after_tool_start_ms(std::stoi(a.substr(7)));
+            a = std::to_string(std::stoi(a.substr(7)) +
+                               static_cast<int>(harness::tool_slack_s() * 1000));
     mcu_args.insert(mcu_args.end(), {"--image", dir.file("received.bin")});
     if (!field("gaps").empty())
         mcu_args.insert(mcu_args.end(), {"--baud", "100000000"});

@@ -1,13 +1,9 @@
 #include "harness.h"
 
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -20,7 +16,6 @@
 extern char** environ;
 
 namespace harness {
-
 namespace {
 
 double now_s() {
@@ -29,37 +24,29 @@ double now_s() {
     return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
 }
 
-// The emulator that runs target programs in a cross build, if any.
-std::vector<std::string> emulator() {
+std::vector<std::string> split(const std::string& text, char sep) {
     std::vector<std::string> words;
-    std::string words_text = MCU_EMULATOR;
-    size_t start = 0;
-    while (!words_text.empty() && start <= words_text.size()) {
-        size_t bar = words_text.find('|', start);
-        if (bar == std::string::npos)
-            bar = words_text.size();
-        words.push_back(words_text.substr(start, bar - start));
-        start = bar + 1;
-    }
+    std::istringstream ss(text);
+    for (std::string w; std::getline(ss, w, sep);)
+        if (!w.empty())
+            words.push_back(w);
     return words;
 }
 
-// The command line that runs a target program: behind the emulator when
-// there is one, which gets LD_PRELOAD for the emulated program only (the
-// emulator itself is a host program).
+// The command that runs a target program: behind the cross build's emulator
+// when there is one, which then gets LD_PRELOAD for the emulated program only.
 std::vector<std::string> target_command(const std::string& program,
                                         const std::vector<std::string>& args,
                                         std::vector<std::string>* env) {
-    std::vector<std::string> cmd = emulator();
+    std::vector<std::string> cmd = split(MCU_EMULATOR, '|');
     if (!cmd.empty()) {
         for (auto it = env->begin(); it != env->end();) {
-            if (it->rfind("LD_PRELOAD=", 0) == 0) {
-                cmd.push_back("-E");
-                cmd.push_back(*it);
-                it = env->erase(it);
-            } else {
+            if (it->rfind("LD_PRELOAD=", 0) != 0) {
                 ++it;
+                continue;
             }
+            cmd.insert(cmd.end(), {"-E", *it});
+            it = env->erase(it);
         }
     }
     cmd.push_back(program);
@@ -67,70 +54,71 @@ std::vector<std::string> target_command(const std::string& program,
     return cmd;
 }
 
-}  // namespace
-
-RunResult run(const std::string& program, const std::vector<std::string>& args,
-              const std::vector<std::string>& env, double limit_s, Signal sig) {
-    RunResult r;
-    int outp[2], errp[2];
-    if (pipe(outp) != 0 || pipe(errp) != 0)
-        return r;
-    // The given entries replace inherited ones of the same name.
+// Starts cmd with stdout (and stderr) on pipes; the child's pid.
+pid_t spawn(const std::vector<std::string>& cmd, const std::vector<std::string>& env, int* out,
+            int* err) {
+    int outp[2], errp[2] = {-1, -1};
+    if (pipe(outp) != 0 || (err != nullptr && pipe(errp) != 0))
+        return -1;
     std::vector<std::string> envs;
     auto name_of = [](const std::string& e) { return e.substr(0, e.find('=') + 1); };
-    for (char** e = environ; *e != nullptr; e++) {
-        bool replaced = false;
-        for (const std::string& mine : env)
-            replaced = replaced || name_of(mine) == name_of(*e);
-        if (!replaced)
+    for (char** e = environ; *e != nullptr; e++)
+        if (std::none_of(env.begin(), env.end(),
+                         [&](const std::string& mine) { return name_of(mine) == name_of(*e); }))
             envs.emplace_back(*e);
-    }
-    for (const std::string& e : env)
-        envs.push_back(e);
+    envs.insert(envs.end(), env.begin(), env.end());
     std::vector<char*> argv, envp;
-    argv.push_back(const_cast<char*>(program.c_str()));
-    for (const std::string& a : args)
+    for (const std::string& a : cmd)
         argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
     for (std::string& e : envs)
         envp.push_back(&e[0]);
+    argv.push_back(nullptr);
     envp.push_back(nullptr);
-
-    double start = now_s();
     pid_t pid = fork();
     if (pid == 0) {
         dup2(outp[1], 1);
-        dup2(errp[1], 2);
-        int devnull = open("/dev/null", O_RDONLY);
-        dup2(devnull, 0);
-        close(outp[0]);
-        close(errp[0]);
-        execvpe(program.c_str(), argv.data(), envp.data());
+        if (err != nullptr)  // else standard error stays the test's
+            dup2(errp[1], 2);
+        dup2(open("/dev/null", O_RDONLY), 0);
+        for (int fd : {outp[0], outp[1], errp[0], errp[1]})
+            if (fd >= 0)
+                close(fd);
+        execvpe(argv[0], argv.data(), envp.data());
         _exit(127);
     }
     close(outp[1]);
-    close(errp[1]);
-    struct pollfd fds[2] = {{outp[0], POLLIN, 0}, {errp[0], POLLIN, 0}};
+    *out = outp[0];
+    if (err != nullptr) {
+        close(errp[1]);
+        *err = errp[0];
+    }
+    return pid;
+}
+
+RunResult run(const std::vector<std::string>& cmd, const std::vector<std::string>& env,
+              double limit_s, Signal sig) {
+    RunResult r;
+    const double start = now_s();
+    struct pollfd fds[2] = {{-1, POLLIN, 0}, {-1, POLLIN, 0}};
+    pid_t pid = spawn(cmd, env, &fds[0].fd, &fds[1].fd);
+    if (pid < 0)
+        return r;
     std::string* sinks[2] = {&r.out, &r.err};
-    int open_fds = 2;
-    bool killed = false;
-    bool signalled = sig.sig == 0;
-    while (open_fds > 0) {
+    bool killed = false, signalled = sig.sig == 0;
+    while (fds[0].fd >= 0 || fds[1].fd >= 0) {
         double left = limit_s - (now_s() - start);
         if (left <= 0 && !killed) {
             kill(pid, SIGKILL);
             killed = true;
         }
-        double to_signal = sig.after_s - (now_s() - start);
-        if (!signalled && to_signal <= 0) {
+        if (!signalled && now_s() - start >= sig.after_s) {
             r.out_at_signal = r.out;
             kill(pid, sig.sig);
             signalled = true;
         }
         if (!signalled)
-            left = std::min(left, to_signal);
-        int ret = poll(fds, 2, killed ? 1000 : static_cast<int>(left * 1000) + 1);
-        if (ret < 0)
+            left = std::min(left, sig.after_s - (now_s() - start));
+        if (poll(fds, 2, killed ? 1000 : static_cast<int>(left * 1000) + 1) < 0)
             break;
         for (int i = 0; i < 2; i++) {
             if (fds[i].fd < 0 || (fds[i].revents & (POLLIN | POLLHUP | POLLERR)) == 0)
@@ -142,69 +130,26 @@ RunResult run(const std::string& program, const std::vector<std::string>& args,
             } else {
                 close(fds[i].fd);
                 fds[i].fd = -1;
-                open_fds--;
             }
         }
     }
     int status = 0;
     waitpid(pid, &status, 0);
     r.seconds = now_s() - start;
-    if (WIFEXITED(status))
-        r.status = WEXITSTATUS(status);
-    else if (WIFSIGNALED(status))
-        r.status = 128 + WTERMSIG(status);
+    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return r;
 }
 
-std::string preload_asan_options() {
-    // A preloaded library comes before a sanitized tool's runtime.
-    const char* inherited = getenv("ASAN_OPTIONS");
-    std::string opts = inherited != nullptr ? inherited : "";
-    if (!opts.empty())
-        opts += ":";
-    return "ASAN_OPTIONS=" + opts + "verify_asan_link_order=0";
-}
-
-bool under_emulator() {
-    return !emulator().empty();
-}
-
-namespace {
-
 std::vector<std::string> wrapper_words() {
-    std::vector<std::string> words;
     const char* text = getenv("MCU_TOOL_WRAPPER");
+    std::vector<std::string> words;
     std::istringstream ss(text != nullptr ? text : "");
-    std::string w;
-    while (ss >> w)
+    for (std::string w; ss >> w;)
         words.push_back(w);
     return words;
 }
 
-// Exit status that the wrapper reports its findings with.
-constexpr int kWrapperErrorStatus = 99;
-
 }  // namespace
-
-bool tool_wrapped() {
-    return !wrapper_words().empty();
-}
-
-double tool_slack_s() {
-    if (!tool_wrapped())
-        return 0;
-    const char* slack = getenv("MCU_TOOL_WRAPPER_SLACK_S");
-    return slack != nullptr && *slack ? atof(slack) : 3.0;
-}
-
-std::string after_tool_start_ms(int ms) {
-    return std::to_string(ms + static_cast<int>(tool_slack_s() * 1000));
-}
-
-const std::string& tool_path() {
-    static const std::string path = MCU_TOOL_PATH;
-    return path;
-}
 
 RunResult run_tool(const std::vector<std::string>& args, const std::vector<std::string>& env,
                    double limit_s, Signal sig) {
@@ -212,33 +157,34 @@ RunResult run_tool(const std::vector<std::string>& args, const std::vector<std::
     std::vector<std::string> cmd = target_command(tool_path(), args, &host_env);
     const std::vector<std::string> wrapper = wrapper_words();
     cmd.insert(cmd.begin(), wrapper.begin(), wrapper.end());
-    RunResult r =
-        run(cmd[0], std::vector<std::string>(cmd.begin() + 1, cmd.end()), host_env, limit_s, sig);
-    if (!wrapper.empty()) {
-        // The wrapper's own lines start with "==<pid>==".
-        static const std::regex report_line(R"(^==[0-9]+==)");
-        std::string report, rest;
-        size_t start = 0;
-        while (start < r.err.size()) {
-            size_t end = r.err.find('\n', start);
-            end = end == std::string::npos ? r.err.size() : end + 1;
-            std::string line = r.err.substr(start, end - start);
-            (std::regex_search(line, report_line) ? report : rest) += line;
-            start = end;
-        }
-        if (!report.empty() || r.status == kWrapperErrorStatus)
-            ADD_FAILURE() << "report from " << wrapper[0] << " (exit status " << r.status << "):\n"
-                          << report;
-        r.err = rest;
-    }
-    // In the sanitizer build every finding in the tool fails the test that
-    // ran it, whatever that test looks at.
+    RunResult r = run(cmd, host_env, limit_s, sig);
+    // The wrapper's own lines start with "==<pid>=="; it exits 99 on a finding.
+    static const std::regex report_line(R"(^==[0-9]+==.*\n?)", std::regex::multiline);
+    std::string report;
+    for (std::sregex_iterator it(r.err.begin(), r.err.end(), report_line), end; it != end; ++it)
+        report += it->str();
+    if (!wrapper.empty() && (!report.empty() || r.status == 99))
+        ADD_FAILURE() << "report from " << wrapper[0] << " (status " << r.status << "):\n"
+                      << report;
+    r.err = std::regex_replace(r.err, report_line, "");
     if (r.err.find("Sanitizer") != std::string::npos ||
         r.err.find("runtime error:") != std::string::npos)
         ADD_FAILURE() << "sanitizer report from the tool:\n" << r.err;
     if (r.status == 137)
         ADD_FAILURE() << "the tool did not end within " << limit_s << " s";
     return r;
+}
+
+double tool_slack_s() {
+    const char* slack = getenv("MCU_TOOL_WRAPPER_SLACK_S");
+    if (wrapper_words().empty())
+        return 0;
+    return slack != nullptr && *slack ? atof(slack) : 3.0;
+}
+
+const std::string& tool_path() {
+    static const std::string path = MCU_TOOL_PATH;
+    return path;
 }
 
 std::string normalize(const std::string& text) {
@@ -259,92 +205,42 @@ std::string version_line() {
 
 std::string usage_text() {
     static const char* const lines[] = {
-        "   Reset component: %s -id 0xA [-dev /dev/ttyS0] [-speed 115200] --reset [type]\n",
-        "     Query version: %s -id 0xA [-dev /dev/ttyS0] [-speed 115200] --version\n",
-        "  Firmware upgrade: %s -id 0xA [-dev /dev/ttyS0] [-speed 115200] --upgrade | --upgrade-fw "
-        "[filename]\n",
-        "  Send raw message: %s -id 0xA [-dev /dev/ttyS0] [-speed 115200] --sendraw [hex_string]\n",
-        "    Write raw data: %s -id 0xA [-dev /dev/ttyS0] [-speed 115200] --writeraw "
-        "[hex_string]\n",
-        "Message statistics: %s -id 0xA [-dev /dev/ttyS0] [-speed 115200] --get-stts | "
-        "--clear-stts\n",
-        "  Message loopback: %s -id 0xA [-dev /dev/ttyS0] [-speed 115200] --loopback 0 | 1\n",
-        "Message flood test: %s -id 0xA [-dev /dev/ttyS0] [-speed 115200] --flood-test [count] "
-        "[length] [interval] [pattern]\n",
-        " Monitor component: %s -id 0xA [-dev /dev/ttyS0] [-speed 115200] --monitor [msgid] "
-        "[seconds]\n",
-        " Specify extra crc: %s -id 0xA [-dev /dev/ttyS0] [-speed 115200] --extra-crc [hex_char]\n",
-        "   Calc file crc32: %s -id 0xA [-dev /dev/ttyS0] [-speed 115200] --calc-crc32 "
-        "[filename]\n",
-        "Calc message crc16: %s -id 0xA [-dev /dev/ttyS0] [-speed 115200] --calc-crc16 "
-        "[hex_string]\n",
-        "   hex dump string: %s -id 0xA [-dev /dev/ttyS0] [-speed 115200] --hex-dump "
-        "[char_string]\n",
+        "   Reset component: %s%s --reset [type]\n",
+        "     Query version: %s%s --version\n",
+        "  Firmware upgrade: %s%s --upgrade | --upgrade-fw [filename]\n",
+        "  Send raw message: %s%s --sendraw [hex_string]\n",
+        "    Write raw data: %s%s --writeraw [hex_string]\n",
+        "Message statistics: %s%s --get-stts | --clear-stts\n",
+        "  Message loopback: %s%s --loopback 0 | 1\n",
+        "Message flood test: %s%s --flood-test [count] [length] [interval] [pattern]\n",
+        " Monitor component: %s%s --monitor [msgid] [seconds]\n",
+        " Specify extra crc: %s%s --extra-crc [hex_char]\n",
+        "   Calc file crc32: %s%s --calc-crc32 [filename]\n",
+        "Calc message crc16: %s%s --calc-crc16 [hex_string]\n",
+        "   hex dump string: %s%s --hex-dump [char_string]\n",
     };
     std::string text = "usage: \n";
-    for (const char* line : lines) {
-        std::string l = line;
+    for (std::string l : lines) {
         l.replace(l.find("%s"), 2, tool_path());
-        text += l;
+        text += l.replace(l.find("%s"), 2, " -id 0xA [-dev /dev/ttyS0] [-speed 115200]");
     }
     return text;
-}
-
-std::string id_row(unsigned id, unsigned count) {
-    if (count == 0)
-        return "";  // ids never seen have no row
-    char buf[64];
-    snprintf(buf, sizeof buf, "   [0x%02x]    %8u\n", id, count);
-    return buf;
-}
-
-std::string stats_block(const Stats& s) {
-    char buf[64];
-    auto line = [&buf](const char* label, unsigned v) {
-        snprintf(buf, sizeof buf, "%s%8u\n", label, v);
-        return std::string(buf);
-    };
-    std::string t = "=============================\n";
-    t += "Fenlink statistics: elapse #.### s\n";
-    t += line("TX Bytes:    ", s.tx_bytes);
-    t += line("TX Packets:  ", s.tx_pkts);
-    t += line("TX Fail:     ", s.tx_fail);
-    t += "TX messages:\n" + s.tx_rows;
-    t += line("RX Bytes:    ", s.rx_bytes);
-    t += line("RX Packets:  ", s.rx_pkts);
-    t += line("RX CRC Fail: ", s.crc);
-    t += line("RX Len Fail: ", s.len);
-    t += line("RX Sum Fail: ", s.sum);
-    if (!s.monitor && !s.no_seq && !s.flood)
-        t += line("RX Seq Fail: ", s.seq);
-    if (!s.monitor && !s.flood) {
-        t += line("RX Sys Fail: ", s.sys);
-        t += line("RX Dst Fail: ", s.dst);
-    }
-    if (!s.monitor)
-        t += line("RX Cmd Fail: ", s.cmd);
-    t += "RX messages:\n" + s.rx_rows;
-    t += "=============================\n";
-    return t;
 }
 
 TempDir::TempDir() {
     char tmpl[] = "/tmp/mcu_test_XXXXXX";
     const char* p = mkdtemp(tmpl);
-    path_ = p != nullptr ? p : "/tmp";
+    path_ = p != nullptr ? p : "/tmp/mcu_test_failed";
 }
 
 TempDir::~TempDir() {
-    std::string cmd = "rm -rf '" + path_ + "'";
-    if (path_ != "/tmp" && system(cmd.c_str()) != 0) {
-    }
+    if (system(("rm -rf '" + path_ + "'").c_str()) != 0)
+        ADD_FAILURE() << "cannot remove " << path_;
 }
 
 std::string TempDir::write(const std::string& name, const std::string& bytes) const {
-    std::string p = file(name);
-    std::ofstream f(p, std::ios::binary);
-    f << bytes;
-    return p;
+    std::ofstream(file(name), std::ios::binary) << bytes;
+    return file(name);
 }
 
 std::string read_file(const std::string& path) {
@@ -355,48 +251,23 @@ std::string read_file(const std::string& path) {
 }
 
 Vmcu::Vmcu(Link link, const std::vector<std::string>& args) : link_(link) {
-    std::vector<std::string> argv;
-    if (link == kTty) {
-        argv.push_back("--pty");
-    } else {
-        socket_ = dir_.file("spi.sock");
-        argv.push_back("--spi");
+    socket_ = dir_.file("spi.sock");
+    std::vector<std::string> argv = {link == kTty ? "--pty" : "--spi"};
+    if (link == kSpi)
         argv.push_back(socket_);
-    }
-    argv.push_back("--log");
-    argv.push_back(dir_.file("vmcu.log"));
+    argv.insert(argv.end(), {"--log", dir_.file("vmcu.log")});
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<std::string> no_env;
-    argv = target_command(MCU_VMCU_PATH, argv, &no_env);
-    int outp[2];
-    if (pipe(outp) != 0)
-        return;
-    std::vector<char*> cargv;
-    for (std::string& a : argv)
-        cargv.push_back(&a[0]);
-    cargv.push_back(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(outp[1], 1);
-        close(outp[0]);
-        close(outp[1]);
-        execvp(cargv[0], cargv.data());
-        _exit(127);
-    }
-    close(outp[1]);
-    pid_ = pid;
-    out_fd_ = outp[0];
+    pid_ = spawn(target_command(MCU_VMCU_PATH, argv, &no_env), {}, &out_fd_, nullptr);
     // The first line names the device: "pty: /dev/pts/N" or "spi: PATH".
     std::string line;
-    double start = now_s();
-    while (line.find('\n') == std::string::npos && now_s() - start < 10) {
+    for (double start = now_s(); line.find('\n') == std::string::npos && now_s() - start < 10;) {
         struct pollfd pfd = {out_fd_, POLLIN, 0};
-        if (poll(&pfd, 1, 200) <= 0)
-            continue;
         char c;
-        if (read(out_fd_, &c, 1) != 1)
+        if (poll(&pfd, 1, 200) > 0 && read(out_fd_, &c, 1) != 1)
             break;
-        line += c;
+        if (pfd.revents & POLLIN)
+            line += c;
     }
     if (line.rfind("pty: ", 0) == 0)
         dev_ = line.substr(5, line.size() - 6);
@@ -404,43 +275,27 @@ Vmcu::Vmcu(Link link, const std::vector<std::string>& args) : link_(link) {
         dev_ = "/dev/spidev0.0";
 }
 
-Vmcu::~Vmcu() {
-    stop();
-}
-
 void Vmcu::stop() {
     if (pid_ <= 0)
         return;
     kill(pid_, SIGTERM);
-    int status;
-    waitpid(pid_, &status, 0);
+    waitpid(pid_, nullptr, 0);
+    close(out_fd_);
     pid_ = -1;
-    if (out_fd_ >= 0)
-        close(out_fd_);
-    out_fd_ = -1;
 }
 
 std::vector<std::string> Vmcu::env() const {
     if (link_ == kTty)
         return {};
+    // A preloaded library comes before a sanitized tool's runtime.
+    const char* asan = getenv("ASAN_OPTIONS");
     return {std::string("LD_PRELOAD=") + MCU_VMCU_SPIDEV_PATH, "VMCU_SPI_SOCKET=" + socket_,
-            preload_asan_options()};
-}
-
-RunResult Vmcu::run_tool(const std::vector<std::string>& args, const std::string& id,
-                         double limit_s) const {
-    std::vector<std::string> all = {"-id", id, "-dev", dev_};
-    all.insert(all.end(), args.begin(), args.end());
-    return harness::run_tool(all, env(), limit_s);
+            "ASAN_OPTIONS=" + std::string(asan != nullptr ? std::string(asan) + ":" : "") +
+                "verify_asan_link_order=0"};
 }
 
 std::vector<std::string> Vmcu::log_lines() const {
-    std::vector<std::string> lines;
-    std::stringstream ss(read_file(dir_.file("vmcu.log")));
-    std::string line;
-    while (std::getline(ss, line))
-        lines.push_back(line);
-    return lines;
+    return split(read_file(dir_.file("vmcu.log")), '\n');
 }
 
 std::vector<std::string> Vmcu::log(const std::string& prefix) const {
@@ -451,13 +306,9 @@ std::vector<std::string> Vmcu::log(const std::string& prefix) const {
     return out;
 }
 
-std::string link_name(const testing::TestParamInfo<Vmcu::Link>& info) {
-    return info.param == Vmcu::kTty ? "Tty" : "Spi";
-}
-
-std::string open_lines(const Vmcu& mcu) {
-    if (mcu.link() == Vmcu::kTty)
-        return "open " + mcu.dev() + " @ 115200\n";
+std::string Vmcu::open_lines() const {
+    if (link_ == kTty)
+        return "open " + dev_ + " @ 115200\n";
     return "open /dev/spidev0.0 @ 115200\n"
            "mcu_open #, invalid spi speed: 115200, using default\n\n"
            "========open_spi_serial: /dev/spidev0.0 success\n";
