@@ -11,7 +11,8 @@
 #    mount namespace when run as root);
 #  - the installed tool talks SPI to the installed vmcu through the installed
 #    spidev emulation library.
-# Needs man-db and groff-base (installed with apt-get when missing and root).
+# Needs man-db, groff-base and pkg-config (scripts/deps.sh: installed with
+# apt-get when missing and root).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
@@ -53,14 +54,10 @@ stop_vmcu() {
     vpid=
 }
 
-if ! command -v man >/dev/null || ! command -v groff >/dev/null; then
-    if [ "$(id -u)" = 0 ] && command -v apt-get >/dev/null; then
-        DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends \
-            man-db groff-base >/dev/null
-    else
-        fail "man and groff are needed (apt-get install man-db groff-base)"
-    fi
-fi
+# shellcheck source=scripts/deps.sh
+. scripts/deps.sh
+# shellcheck disable=SC2086 # a list of package names
+mcu_deps_ensure check-install $MCU_DEPS_INSTALL_CHECK
 
 echo "== build and install into $stage"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DMCU_BUILD_TESTS=ON >/dev/null

@@ -6,24 +6,22 @@
 #   mcu-tool2      /usr/bin/mcu_tool2, its manual page and bash completion
 #   mcu-tool2-dev  libmcu_tool2.a, mcu_tool2.h and utils.h, the CMake package
 #                  and mcu_tool2.pc
-# The packages end up in out/packages/. Needs dpkg-dev and lintian (installed
-# with apt-get when missing and root). The virtual MCU is not packaged, so
-# the package builds leave the tests and the vmcu out.
+# The packages end up in out/packages/. A third build, configured with the
+# default prefix (/usr/local), is packaged too, to check that its packages
+# still install under /usr. Needs dpkg-dev, lintian and the cross tools
+# (scripts/deps.sh: installed with apt-get when missing and root). The
+# virtual MCU is not packaged, so the package builds leave the tests and the
+# vmcu out.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
 outdir=out/packages
 mkdir -p "$outdir"
 
-if ! command -v lintian >/dev/null || ! command -v dpkg-buildflags >/dev/null; then
-    if [ "$(id -u)" = 0 ] && command -v apt-get >/dev/null; then
-        DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends \
-            lintian dpkg-dev >/dev/null
-    else
-        echo "package: lintian and dpkg-dev are needed" >&2
-        exit 1
-    fi
-fi
+# shellcheck source=scripts/deps.sh
+. scripts/deps.sh
+# shellcheck disable=SC2086 # a list of package names
+mcu_deps_ensure package $MCU_DEPS_PACKAGES
 
 fail() {
     echo "package: FAIL: $*" >&2
@@ -81,6 +79,38 @@ echo "== arm64 packages (cross build)"
 # GNUInstallDirs picks the multiarch directory only for native builds.
 build_packages arm64 -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/aarch64-linux-gnu.cmake \
     -DCMAKE_INSTALL_LIBDIR=lib/aarch64-linux-gnu
+
+echo "== amd64 packages of a build configured with the default prefix"
+# Debian packages install under /usr whatever the build's prefix; the
+# library directory is then plain lib/ (GNUInstallDirs picks the multiarch
+# one only for the prefix /usr).
+dir=build-deb-local
+rm -rf "$dir"
+cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Release -DMCU_BUILD_TESTS=OFF >/dev/null
+grep -qx 'CMAKE_INSTALL_PREFIX:PATH=/usr/local' "$dir/CMakeCache.txt" || fail "default prefix is not /usr/local"
+cmake --build "$dir" -j"$jobs" >/dev/null
+(cd "$dir" && cpack -G DEB >/dev/null)
+x=$(mktemp -d)
+for deb in "$dir"/packages/*.deb; do
+    paths=$(dpkg-deb --contents "$deb" | awk '{print $6}' | grep -v '^\./$')
+    grep -v '^\./usr/' <<<"$paths" && fail "$deb has files outside /usr"
+    grep '^\./usr/local' <<<"$paths" && fail "$deb has files under /usr/local"
+    echo "$(basename "$deb"): $(wc -l <<<"$paths") paths, all under /usr, none under /usr/local"
+    dpkg-deb --extract "$deb" "$x"
+done
+for f in bin/mcu_tool2 lib/libmcu_tool2.a include/mcu_tool2/mcu_tool2.h \
+    lib/pkgconfig/mcu_tool2.pc lib/cmake/mcu_tool2/mcu_tool2Config.cmake; do
+    [ -e "$x/usr/$f" ] || fail "default-prefix packages lack /usr/$f"
+done
+# The generated package files name no configure-time prefix, and lead from
+# where they lie to the headers and the library under /usr.
+grep -rl /usr/local "$x" && fail "default-prefix packages name /usr/local in the files above"
+inc=$(PKG_CONFIG_PATH=$x/usr/lib/pkgconfig pkg-config --variable=includedir mcu_tool2)
+[ "$(realpath "$inc")" = "$x/usr/include/mcu_tool2" ] || fail "pkg-config includedir $inc"
+cmake -S examples/softver -B "$x/softver" -DCMAKE_PREFIX_PATH="$x/usr" >/dev/null ||
+    fail "find_package(mcu_tool2) in the default-prefix packages"
+echo "pkg-config includedir and find_package(mcu_tool2) resolve under the packages' /usr"
+rm -rf "$x"
 
 version=$(dpkg-deb --field build-deb-amd64/packages/mcu-tool2_*_amd64.deb Version)
 for arch in amd64 arm64; do

@@ -8,17 +8,25 @@
 #   4. the fuzz targets, briefly, under libFuzzer with ASan and UBSan;
 #   5. the end-to-end tests of the upgrade, monitor and raw actions with the
 #      tool under valgrind memcheck;
-#   6. static analysis (clang-tidy, cppcheck);
+#   6. static analysis (clang-tidy, cppcheck) and the check that the tool
+#      uses only interfaces of Android API level 21 (scripts/api21-check.sh);
 #   7. the installed tree (man page, completion, CMake package, pkg-config,
 #      the example against the virtual MCU), the README's transcripts, and
 #      the Debian packages for amd64 and arm64.
-# Dependencies: see the README (.ci/run installs them on Debian).
+# The Debian packages it needs are listed in scripts/deps.sh: run as root, it
+# installs the missing ones first; otherwise it stops and prints the apt-get
+# line to run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
 start=$SECONDS
 
 step() { echo; echo "== [$((SECONDS - start)) s] $*"; }
+
+# shellcheck source=scripts/deps.sh
+. scripts/deps.sh
+# shellcheck disable=SC2086 # a list of package names
+mcu_deps_ensure test-all $MCU_DEPS_TEST
 
 run_suite() {
     local dir=$1 filter=$2; shift 2
@@ -44,6 +52,8 @@ step "valgrind memcheck of the end-to-end upgrade, monitor and raw tests"
 bash scripts/valgrind-e2e.sh
 step "static analysis"
 bash scripts/static-analysis.sh
+step "Android API-21 interfaces"
+bash scripts/api21-check.sh
 step "install, example, README transcripts, packages"
 bash scripts/check-install.sh
 BUILD_DIR=build bash scripts/readme-transcripts.sh --check

@@ -6,7 +6,10 @@
 #
 # Configure with -DCMAKE_INSTALL_PREFIX=/usr -DMCU_DEBIAN_DOCS=ON, build, then
 # run `cpack -G DEB` in the build tree (scripts/package.sh does all of it, for
-# amd64 and, with the AArch64 toolchain file, arm64).
+# amd64 and, with the AArch64 toolchain file, arm64). The packages install
+# under /usr whatever prefix the build was configured with; only with the
+# prefix /usr does GNUInstallDirs pick the multiarch library directory
+# (lib/<triplet>), with another one the library goes to /usr/lib.
 include(GNUInstallDirs)
 
 option(MCU_DEBIAN_DOCS "Install the copyright and changelog files of the Debian packages" OFF)
@@ -56,7 +59,14 @@ set(CPACK_PACKAGE_NAME ${MCU_DEB_SOURCE})
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_VENDOR "${MCU_PACKAGE_COPYRIGHT}")
 set(CPACK_PACKAGE_CONTACT "${MCU_PACKAGE_MAINTAINER}")
-set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+# Debian packages install under /usr, never under the configured prefix
+# (/usr/local by default), which belongs to the local administrator. The
+# install rules use relative destinations and the generated pkg-config and
+# CMake package files find the prefix from their own place, so all of them
+# follow. An absolute install directory (-DCMAKE_INSTALL_LIBDIR=/...) would
+# not follow: cpack refuses it.
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_ERROR_ON_ABSOLUTE_INSTALL_DESTINATION ON)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 
