@@ -48,11 +48,19 @@ std::vector<Case> load_cases() {
     std::vector<std::vector<std::string>> blocks;
     for (const std::string& f : files) {
         std::istringstream in(harness::read_file(f));
+        std::string file_links;  // the file's default, above its first case
+        bool head = true;
         for (std::string line; std::getline(in, line);) {
-            if (line.rfind("=== ", 0) == 0)
+            if (line.rfind("=== ", 0) == 0) {
+                head = false;
                 blocks.push_back({line.substr(4)});
-            else if (!blocks.empty() && line.rfind("#", 0) != 0)
+                if (line[4] != '@')
+                    blocks.back().push_back(file_links);
+            } else if (head && line.rfind("links: ", 0) == 0) {
+                file_links = line;
+            } else if (!head && line.rfind("#", 0) != 0) {
                 blocks.back().push_back(line);
+            }
         }
     }
     // "=== @name" blocks are shared transcript pieces: a line "@name" in a
@@ -96,12 +104,17 @@ std::vector<Case> load_cases() {
                     l = l.substr(4);
                 }
                 size_t colon = l.find(": ");
+                std::string key = l.substr(0, colon);
                 if (!l.empty() && l.back() == ':' && is_section(l.substr(0, l.size() - 1))) {
                     current = l.substr(0, l.size() - 1);
                     c.section[current];
                     continue;
                 }
-                std::string key = l.substr(0, colon);
+                if (colon != std::string::npos && is_section(key)) {  // a one-line section
+                    c.section[key] = {l.substr(colon + 2)};
+                    current.clear();
+                    continue;
+                }
                 if (colon != std::string::npos && key.find(' ') == std::string::npos &&
                     !key.empty() && islower(key[0]) && current.empty()) {
                     c.field[key] = l.substr(colon + 2);
