@@ -255,92 +255,54 @@ int spi_ioctl(int fd, unsigned long request, void* arg) {
     }
 }
 
+// The open calls: a path naming spidev0.0 connects to the vmcu; any other
+// goes on to the C library's own function with the caller's arguments.
+template <typename Fn, typename... Args>
+int open_or_pass(const char* name, const char* path, int flags, Args... args) {
+    return is_spidev(path) ? open_vmcu(flags) : next_symbol<Fn>(name)(args...);
+}
+
 }  // namespace
 
 extern "C" {
 
+// The mode argument, present only when the flags create a file.
+#define VMCU_MODE(flags)                             \
+    mode_t mode = 0;                                 \
+    if (needs_mode(flags)) {                         \
+        va_list ap;                                  \
+        va_start(ap, flags);                         \
+        mode = static_cast<mode_t>(va_arg(ap, int)); \
+        va_end(ap);                                  \
+    }
+
 int open(const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (needs_mode(flags)) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = static_cast<mode_t>(va_arg(ap, int));
-        va_end(ap);
-    }
-    if (is_spidev(path)) {
-        return open_vmcu(flags);
-    }
-    return next_symbol<OpenFn>("open")(path, flags, mode);
+    VMCU_MODE(flags);
+    return open_or_pass<OpenFn>("open", path, flags, path, flags, mode);
 }
-
 int open64(const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (needs_mode(flags)) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = static_cast<mode_t>(va_arg(ap, int));
-        va_end(ap);
-    }
-    if (is_spidev(path)) {
-        return open_vmcu(flags);
-    }
-    return next_symbol<OpenFn>("open64")(path, flags, mode);
+    VMCU_MODE(flags);
+    return open_or_pass<OpenFn>("open64", path, flags, path, flags, mode);
 }
-
 int openat(int dirfd, const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (needs_mode(flags)) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = static_cast<mode_t>(va_arg(ap, int));
-        va_end(ap);
-    }
-    if (is_spidev(path)) {
-        return open_vmcu(flags);
-    }
-    return next_symbol<OpenAtFn>("openat")(dirfd, path, flags, mode);
+    VMCU_MODE(flags);
+    return open_or_pass<OpenAtFn>("openat", path, flags, dirfd, path, flags, mode);
 }
-
 int openat64(int dirfd, const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (needs_mode(flags)) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = static_cast<mode_t>(va_arg(ap, int));
-        va_end(ap);
-    }
-    if (is_spidev(path)) {
-        return open_vmcu(flags);
-    }
-    return next_symbol<OpenAtFn>("openat64")(dirfd, path, flags, mode);
+    VMCU_MODE(flags);
+    return open_or_pass<OpenAtFn>("openat64", path, flags, dirfd, path, flags, mode);
 }
-
 int __open_2(const char* path, int flags) {
-    if (is_spidev(path)) {
-        return open_vmcu(flags);
-    }
-    return next_symbol<Open2Fn>("__open_2")(path, flags);
+    return open_or_pass<Open2Fn>("__open_2", path, flags, path, flags);
 }
-
 int __open64_2(const char* path, int flags) {
-    if (is_spidev(path)) {
-        return open_vmcu(flags);
-    }
-    return next_symbol<Open2Fn>("__open64_2")(path, flags);
+    return open_or_pass<Open2Fn>("__open64_2", path, flags, path, flags);
 }
-
 int __openat_2(int dirfd, const char* path, int flags) {
-    if (is_spidev(path)) {
-        return open_vmcu(flags);
-    }
-    return next_symbol<OpenAt2Fn>("__openat_2")(dirfd, path, flags);
+    return open_or_pass<OpenAt2Fn>("__openat_2", path, flags, dirfd, path, flags);
 }
-
 int __openat64_2(int dirfd, const char* path, int flags) {
-    if (is_spidev(path)) {
-        return open_vmcu(flags);
-    }
-    return next_symbol<OpenAt2Fn>("__openat64_2")(dirfd, path, flags);
+    return open_or_pass<OpenAt2Fn>("__openat64_2", path, flags, dirfd, path, flags);
 }
 
 int ioctl(int fd, unsigned long request, ...) {
