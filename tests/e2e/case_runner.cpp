@@ -223,10 +223,6 @@ std::string transcript(const std::vector<std::string>& lines, const Context& cx)
     for (const std::string& l : lines) {
         if (l == "@open")
             t += cx.mcu->open_lines();
-        else if (l == "@usage")
-            t += harness::usage_text();
-        else if (l == "@version")
-            t += harness::version_line();
         else if (l.rfind("@stats", 0) == 0)
             t += stats(l.substr(6));
         else

@@ -199,34 +199,6 @@ std::string normalize(const std::string& text) {
     return std::regex_replace(s, build, "Build <stamp>");
 }
 
-std::string version_line() {
-    return "V1.3.01 Build <stamp>\n";
-}
-
-std::string usage_text() {
-    static const char* const lines[] = {
-        "   Reset component: %s%s --reset [type]\n",
-        "     Query version: %s%s --version\n",
-        "  Firmware upgrade: %s%s --upgrade | --upgrade-fw [filename]\n",
-        "  Send raw message: %s%s --sendraw [hex_string]\n",
-        "    Write raw data: %s%s --writeraw [hex_string]\n",
-        "Message statistics: %s%s --get-stts | --clear-stts\n",
-        "  Message loopback: %s%s --loopback 0 | 1\n",
-        "Message flood test: %s%s --flood-test [count] [length] [interval] [pattern]\n",
-        " Monitor component: %s%s --monitor [msgid] [seconds]\n",
-        " Specify extra crc: %s%s --extra-crc [hex_char]\n",
-        "   Calc file crc32: %s%s --calc-crc32 [filename]\n",
-        "Calc message crc16: %s%s --calc-crc16 [hex_string]\n",
-        "   hex dump string: %s%s --hex-dump [char_string]\n",
-    };
-    std::string text = "usage: \n";
-    for (std::string l : lines) {
-        l.replace(l.find("%s"), 2, tool_path());
-        text += l.replace(l.find("%s"), 2, " -id 0xA [-dev /dev/ttyS0] [-speed 115200]");
-    }
-    return text;
-}
-
 TempDir::TempDir() {
     char tmpl[] = "/tmp/mcu_test_XXXXXX";
     const char* p = mkdtemp(tmpl);

@@ -39,8 +39,6 @@ const std::string& tool_path();
 // Source lines of diagnostics, trace stamps, the statistics' elapsed time and
 // the build stamp replaced by "#", "<T>", "#.###" and "<stamp>".
 std::string normalize(const std::string& text);
-std::string version_line();
-std::string usage_text();
 
 // A scratch directory, removed at destruction.
 class TempDir {
