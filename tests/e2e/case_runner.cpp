@@ -1,146 +1,148 @@
-// Table-driven end-to-end cases: every case in tests/e2e/cases/*.cases runs
-// the real binary (against the virtual MCU on each link it names) and
-// compares the whole transcript, the exit status, the frames the MCU received
-// and the gaps between them. The case format is described in cases/README.
+// Table-driven end-to-end cases: each case in e2e/cases/*.cases runs the real
+// binary, against the virtual MCU on every link it names, and compares the
+// whole transcript, the exit status, the frames the MCU received, the gaps
+// between them and the image it stored.
+//
+// A case starts with "=== title", then fields, then sections:
+//   links: tty spi       links to run on (a file may set a default above its
+//                        first case); none: no device
+//   mcu: ARGS            the virtual MCU's options ($START+MS: emission start
+//                        after the tool's start-up)
+//   args: ARGS           the tool's options, after "-id 0xA -dev $DEV" unless
+//                        they name $DEV ('a b' is one word, '' an empty one)
+//   file: NAME HEX | NAME random N | NAME dir   (file2:, ... for more)
+//   env:, status:, secs: MIN MAX, signal: INT|TERM SECONDS, mcu-stop: SECONDS,
+//   holder: ARGS (a first tool on the same device), received: FILE | none,
+//   gaps: A>B>=MS | #N>=MS   (TTY: the MCU's receive times)
+//   out: / err: / frames: / log: / holder-out:   a section, or one line after
+//                        the colon. Lines "tty|..." and "spi|..." count on
+//                        that link only; "@open", "@stats ...", "@empty" and
+//                        the "=== @name" pieces stand for their lines.
 #include <dirent.h>
 #include <signal.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <fstream>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <thread>
 
 #include "harness.h"
 
-using harness::RunResult;
 using harness::Vmcu;
 
 namespace {
 
+using Lines = std::vector<std::string>;
+
 struct Case {
     std::string name, link;  // link: "tty", "spi" or "" (no device)
     std::map<std::string, std::string> field;
-    std::map<std::string, std::vector<std::string>> section;
+    std::map<std::string, Lines> section;
 };
 
-const char* const kSections[] = {"out", "err", "frames", "log", "holder-out"};
-
 bool is_section(const std::string& key) {
-    return std::find(std::begin(kSections), std::end(kSections), key) != std::end(kSections);
+    return key == "out" || key == "err" || key == "frames" || key == "log" || key == "holder-out";
 }
 
-// Reads every case file; a case naming links becomes one case per link, with
-// the lines prefixed "tty|" or "spi|" kept only for that link.
-std::vector<Case> load_cases() {
-    std::vector<Case> cases;
-    std::vector<std::string> files;
+std::string link_of(const std::string& line) {
+    return line.size() > 3 && line[3] == '|' ? line.substr(0, 3) : "";
+}
+
+Lines blocks_of_files(std::map<std::string, Lines>* pieces) {
+    Lines files;
     if (DIR* d = opendir(MCU_CASES_DIR)) {
-        while (dirent* e = readdir(d)) {
-            std::string n = e->d_name;
-            if (n.size() > 6 && n.substr(n.size() - 6) == ".cases")
-                files.push_back(std::string(MCU_CASES_DIR) + "/" + n);
-        }
+        while (dirent* e = readdir(d))
+            if (std::string(e->d_name).find(".cases") != std::string::npos)
+                files.push_back(std::string(MCU_CASES_DIR) + "/" + e->d_name);
         closedir(d);
     }
     std::sort(files.begin(), files.end());
-    std::vector<std::vector<std::string>> blocks;
+    std::vector<Lines> blocks;
     for (const std::string& f : files) {
         std::istringstream in(harness::read_file(f));
-        std::string file_links;  // the file's default, above its first case
-        bool head = true;
+        std::string file_links;  // the default, above the file's first case
+        size_t first = blocks.size();
         for (std::string line; std::getline(in, line);) {
-            if (line.rfind("=== ", 0) == 0) {
-                head = false;
-                blocks.push_back({line.substr(4)});
-                if (line[4] != '@')
-                    blocks.back().push_back(file_links);
-            } else if (head && line.rfind("links: ", 0) == 0) {
+            if (line.rfind("=== ", 0) == 0)
+                blocks.push_back({line.substr(4), line[4] == '@' ? "" : file_links});
+            else if (blocks.size() == first && line.rfind("links: ", 0) == 0)
                 file_links = line;
-            } else if (!head && line.rfind("#", 0) != 0) {
+            else if (blocks.size() > first && line.rfind("#", 0) != 0)
                 blocks.back().push_back(line);
-            }
         }
     }
-    // "=== @name" blocks are shared transcript pieces: a line "@name" in a
-    // case stands for their lines.
-    std::map<std::string, std::vector<std::string>> pieces;
-    for (const auto& b : blocks)
-        if (b[0][0] == '@')
-            pieces[b[0]].assign(b.begin() + 1, b.end());
-    for (auto b : blocks) {
-        if (b[0][0] == '@')
-            continue;
-        for (size_t i = 1; i < b.size(); i++) {
-            auto piece = pieces.find(b[i].substr(b[i].find('|') == 3 ? 4 : 0));
-            if (piece == pieces.end())
+    Lines titles;
+    for (const Lines& b : blocks)
+        (b[0][0] == '@' ? (*pieces)[b[0]] : (*pieces)["=== " + b[0]]) =
+            Lines(b.begin() + 1, b.end());
+    for (const Lines& b : blocks)
+        if (b[0][0] != '@')
+            titles.push_back(b[0]);
+    return titles;
+}
+
+// Every case once per link, pieces spliced in, other links' lines left out.
+std::vector<Case> load_cases() {
+    std::map<std::string, Lines> pieces;
+    std::vector<Case> cases;
+    for (const std::string& title : blocks_of_files(&pieces)) {
+        Lines b = pieces["=== " + title];
+        for (size_t i = 0; i < b.size(); i++) {
+            std::string prefix = link_of(b[i]);
+            auto piece = pieces.find(b[i].substr(prefix.empty() ? 0 : 4));
+            if (b[i].empty() || b[i][0] == '=' || piece == pieces.end())
                 continue;
-            std::string prefix = b[i].find('|') == 3 ? b[i].substr(0, 4) : "";
-            std::vector<std::string> lines;
+            Lines lines;
             for (const std::string& l : piece->second)
                 if (!l.empty())
-                    lines.push_back(l.find('|') == 3 || prefix.empty() ? l : prefix + l);
+                    lines.push_back(prefix.empty() || !link_of(l).empty() ? l : prefix + "|" + l);
             b.erase(b.begin() + static_cast<long>(i));
             b.insert(b.begin() + static_cast<long>(i), lines.begin(), lines.end());
             i--;  // pieces may hold pieces
         }
-        std::string links = "";
+        std::string links = "none";
         for (const std::string& l : b)
             if (l.rfind("links: ", 0) == 0)
                 links = l.substr(7);
-        std::istringstream ls(links.empty() ? std::string("-") : links);
+        std::istringstream ls(links);
         for (std::string link; ls >> link;) {
             Case c;
-            c.link = link == "-" ? "" : link;
-            c.name = b[0] + (c.link.empty() ? "" : " [" + c.link + "]");
+            c.link = link == "none" ? "" : link;
+            c.name = title + (c.link.empty() ? "" : " [" + c.link + "]");
             std::string current;
-            for (size_t i = 1; i < b.size(); i++) {
-                std::string l = b[i];
-                size_t bar = l.find('|');
-                if (bar == 3 && (l.rfind("tty|", 0) == 0 || l.rfind("spi|", 0) == 0)) {
-                    if (l.substr(0, 3) != c.link)
-                        continue;
-                    l = l.substr(4);
-                }
+            for (std::string l : b) {
+                if (!link_of(l).empty() && link_of(l) != c.link)
+                    continue;
+                l = l.substr(link_of(l).empty() ? 0 : 4);
                 size_t colon = l.find(": ");
                 std::string key = l.substr(0, colon);
                 if (!l.empty() && l.back() == ':' && is_section(l.substr(0, l.size() - 1))) {
                     current = l.substr(0, l.size() - 1);
                     c.section[current];
-                    continue;
-                }
-                if (colon != std::string::npos && is_section(key)) {  // a one-line section
+                } else if (colon != std::string::npos && is_section(key)) {
                     c.section[key] = {l.substr(colon + 2)};
                     current.clear();
-                    continue;
-                }
-                if (colon != std::string::npos && key.find(' ') == std::string::npos &&
-                    !key.empty() && islower(key[0]) && current.empty()) {
+                } else if (current.empty() && colon != std::string::npos && islower(key[0])) {
                     c.field[key] = l.substr(colon + 2);
                 } else if (!current.empty()) {
-                    c.section[current].push_back(l);
+                    c.section[current].push_back(l == "@empty" ? "" : l);
                 }
             }
-            // Blank lines end a section; "@empty" stands for an empty line.
-            for (auto& sec : c.section) {
+            for (auto& sec : c.section)  // blank lines only separate cases
                 while (!sec.second.empty() && sec.second.back().empty())
                     sec.second.pop_back();
-                for (std::string& l : sec.second)
-                    if (l == "@empty")
-                        l.clear();
-            }
             cases.push_back(c);
         }
     }
     return cases;
 }
 
-std::vector<std::string> words(const std::string& text) {
-    std::vector<std::string> w;
+Lines words(const std::string& text) {
+    Lines w;
     std::istringstream ss(text);
     for (std::string s; ss >> s;) {
-        // 'a b' is one word with its blank, '' an empty one.
         if (s[0] == '\'') {
             for (std::string more; (s.size() < 2 || s.back() != '\'') && ss >> more;)
                 s += " " + more;
@@ -157,25 +159,25 @@ void replace_all(std::string* s, const std::string& from, const std::string& to)
 }
 
 // "@stats tx=B/P/F txid=db:1,d5:2 rx=B/P fail=crc/len/sum/seq/sys/dst/cmd
-// rxid=... mode=monitor|noseq|flood" as the block the tool prints. The
-// monitor drops the Seq, Sys, Dst and Cmd lines, the flood test Seq, Sys and
-// Dst, --ignore-seq the Seq line.
+// rxid=... mode=monitor|noseq|flood": the block the tool prints when the link
+// goes down. The monitor drops the Seq, Sys, Dst and Cmd lines, the flood
+// test Seq, Sys and Dst, --ignore-seq the Seq line.
 std::string stats(const std::string& spec) {
     std::map<std::string, std::string> kv;
     for (const std::string& w : words(spec))
         kv[w.substr(0, w.find('='))] = w.substr(w.find('=') + 1);
-    auto nums = [&kv](const std::string& key, size_t count) {
-        std::vector<unsigned> n(count, 0);
+    auto nums = [&kv](const std::string& key) {
+        std::vector<unsigned> n(7, 0);
         std::istringstream ss(kv[key]);
         std::string v;
-        for (size_t i = 0; i < count && std::getline(ss, v, '/'); i++)
+        for (size_t i = 0; std::getline(ss, v, '/'); i++)
             n[i] = static_cast<unsigned>(std::stoul(v));
         return n;
     };
-    auto rows = [&kv](const std::string& key) {
+    char buf[64];
+    auto rows = [&](const std::string& key) {
         std::string r;
         std::istringstream ss(kv[key]);
-        char buf[64];
         for (std::string item; std::getline(ss, item, ',');) {
             snprintf(buf, sizeof buf, "   [0x%s]    %8lu\n", item.substr(0, 2).c_str(),
                      std::stoul(item.substr(3)));
@@ -183,13 +185,12 @@ std::string stats(const std::string& spec) {
         }
         return r;
     };
-    auto line = [](const char* label, unsigned v) {
-        char buf[64];
+    auto line = [&buf](const char* label, unsigned v) {
         snprintf(buf, sizeof buf, "%s%8u\n", label, v);
         return std::string(buf);
     };
     const std::string mode = kv["mode"];
-    std::vector<unsigned> tx = nums("tx", 3), rx = nums("rx", 2), f = nums("fail", 7);
+    std::vector<unsigned> tx = nums("tx"), rx = nums("rx"), f = nums("fail");
     std::string t = "=============================\nFenlink statistics: elapse #.### s\n";
     t += line("TX Bytes:    ", tx[0]) + line("TX Packets:  ", tx[1]) + line("TX Fail:     ", tx[2]);
     t += "TX messages:\n" + rows("txid");
@@ -204,64 +205,59 @@ std::string stats(const std::string& spec) {
     return t + "RX messages:\n" + rows("rxid") + "=============================\n";
 }
 
-struct Context {
-    const Vmcu* mcu = nullptr;
-    harness::TempDir* dir = nullptr;
+struct Run {
+    const Case& c;
+    harness::TempDir dir;
+    std::unique_ptr<Vmcu> mcu;
+
+    std::string field(const std::string& k) const {
+        auto it = c.field.find(k);
+        return it == c.field.end() ? "" : it->second;
+    }
+    std::string expand(std::string s) const {
+        replace_all(&s, "$TMP", dir.path());
+        replace_all(&s, "$TOOL", harness::tool_path());
+        replace_all(&s, "$CLOCK", MCU_FIXED_CLOCK_PATH);
+        replace_all(&s, "$DEV", mcu ? mcu->dev() : "");
+        return s;
+    }
+    std::string transcript(const std::string& section) const {
+        std::string t;
+        auto it = c.section.find(section);
+        for (const std::string& l : it == c.section.end() ? Lines() : it->second)
+            t += l == "@open"                ? mcu->open_lines()
+                 : l.rfind("@stats", 0) == 0 ? stats(l.substr(6))
+                                             : expand(l) + "\n";
+        replace_all(&t, "\\b", "\b");  // the progress figure's backspaces
+        return t;
+    }
+    Lines command(const std::string& args) const {
+        Lines a = words(expand(args));
+        if (mcu && args.find("$DEV") == std::string::npos)
+            a.insert(a.begin(), {"-id", "0xA", "-dev", mcu->dev()});
+        return a;
+    }
+    // "NAME HEX", "NAME random N" (deterministic bytes), "NAME dir".
+    void make_file(const std::string& spec) const {
+        Lines w = words(expand(spec));
+        std::string bytes;
+        if (w.size() > 1 && w[1] == "dir")
+            mkdir(dir.file(w[0]).c_str(), 0700);
+        unsigned n = w.size() > 2 ? static_cast<unsigned>(std::stoul(w[2])) : 0, seed = n;
+        for (unsigned i = 0; i < n; i++) {
+            seed = seed * 1103515245u + 12345u;
+            bytes += static_cast<char>(seed >> 16);
+        }
+        for (size_t i = 0; w.size() == 2 && i + 1 < w[1].size(); i += 2)
+            bytes += static_cast<char>(std::stoul(w[1].substr(i, 2), nullptr, 16));
+        if (w.size() == 1 || w[1] != "dir")
+            dir.write(w[0], bytes);
+    }
 };
 
-std::string expand(std::string s, const Context& cx) {
-    replace_all(&s, "$TMP", cx.dir->path());
-    replace_all(&s, "$TOOL", harness::tool_path());
-    replace_all(&s, "$CLOCK", MCU_FIXED_CLOCK_PATH);
-    if (cx.mcu != nullptr)
-        replace_all(&s, "$DEV", cx.mcu->dev());
-    return s;
-}
-
-std::string transcript(const std::vector<std::string>& lines, const Context& cx) {
-    std::string t;
-    for (const std::string& l : lines) {
-        if (l == "@open")
-            t += cx.mcu->open_lines();
-        else if (l.rfind("@stats", 0) == 0)
-            t += stats(l.substr(6));
-        else
-            t += expand(l, cx) + "\n";
-    }
-    // "\b" in a case stands for the backspaces of the upgrade's progress.
-    replace_all(&t, "\\b", "\b");
-    return t;
-}
-
-// Deterministic bytes for test images.
-std::string pattern_bytes(size_t n, unsigned seed) {
-    std::string b(n, '\0');
-    for (size_t i = 0; i < n; i++) {
-        seed = seed * 1103515245u + 12345u;
-        b[i] = static_cast<char>(seed >> 16);
-    }
-    return b;
-}
-
-// "file: NAME HEX", "file: NAME random N", "file: NAME dir".
-void make_file(const std::string& spec, const harness::TempDir& dir) {
-    std::vector<std::string> w = words(spec);
-    std::string path = dir.file(w[0]);
-    if (w.size() > 1 && w[1] == "dir") {
-        mkdir(path.c_str(), 0700);
-    } else if (w.size() > 2 && w[1] == "random") {
-        dir.write(w[0], pattern_bytes(std::stoul(w[2]), std::stoul(w[2])));
-    } else {
-        std::string bytes;
-        for (size_t i = 0; w.size() > 1 && i + 1 < w[1].size(); i += 2)
-            bytes += static_cast<char>(std::stoul(w[1].substr(i, 2), nullptr, 16));
-        dir.write(w[0], bytes);
-    }
-}
-
-// Expected frames: exact hex, a trailing '*' for a prefix, " xN" for N alike,
-// "..." for any frames up to the next one that matches.
-void check_frames(const std::vector<std::string>& want, const std::vector<std::string>& got) {
+// Exact hex, a trailing '*' for a prefix, " xN" for N alike, "..." for any
+// frames up to the next that matches.
+void check_frames(const Lines& want, const Lines& got) {
     size_t g = 0;
     bool skip = false;
     for (const std::string& spec : want) {
@@ -269,163 +265,127 @@ void check_frames(const std::vector<std::string>& want, const std::vector<std::s
             skip = true;
             continue;
         }
-        size_t x = spec.find(" x"),
-               times = x == std::string::npos ? 1 : std::stoul(spec.substr(x + 2));
+        size_t x = spec.find(" x"), n = x == std::string::npos ? 1 : std::stoul(spec.substr(x + 2));
         std::string pat = spec.substr(0, x);
-        bool prefix = !pat.empty() && pat.back() == '*';
-        if (prefix)
-            pat.pop_back();
+        bool prefix = pat.back() == '*';
+        pat.resize(pat.size() - prefix);
         auto match = [&](size_t i) {
             return i < got.size() && (prefix ? got[i].rfind(pat, 0) == 0 : got[i] == pat);
         };
         while (skip && g < got.size() && !match(g))
             g++;
-        skip = false;
-        for (size_t i = 0; i < times; i++, g++) {
+        for (size_t i = 0; i < n; i++, g++) {
             ASSERT_LT(g, got.size()) << "missing frame " << spec;
             EXPECT_TRUE(match(g)) << "frame " << g + 1 << ": " << got[g] << "\nexpected: " << spec;
         }
+        skip = false;
     }
     if (!skip) {
-        EXPECT_EQ(g, got.size()) << "more frames than expected, next: "
-                                 << (g < got.size() ? got[g] : "");
+        EXPECT_EQ(g, got.size()) << "unexpected frame " << (g < got.size() ? got[g] : "");
     }
 }
 
-// "gaps: D9>D9>=10 #4>=1000": every frame of the second id that follows one
-// of the first, or the frame of that position, came at least N ms after the
-// frame before it (TTY, from the MCU's receive times).
+// Every frame of id B that follows one of id A ("A>B>=MS"), or the frame at
+// position N ("#N>=MS"), came at least MS after the frame before it.
 void check_gaps(const std::string& spec, const Vmcu& mcu) {
-    std::vector<std::pair<std::string, double>> rx;  // message id, time
-    for (const std::string& l : mcu.log("RXTIME at "))
-        rx.emplace_back("", std::stod(l));
-    std::vector<std::string> frames = mcu.log("RX FD");
-    ASSERT_EQ(rx.size(), frames.size());
-    for (size_t i = 0; i < rx.size(); i++)
-        rx[i].first = frames[i].substr(10, 2);
+    Lines at = mcu.log("RXTIME at "), frames = mcu.log("RX FD");
+    ASSERT_EQ(at.size(), frames.size());
     for (const std::string& rule : words(spec)) {
-        double min = std::stod(rule.substr(rule.find(">=") + 2));
         std::string sel = rule.substr(0, rule.find(">="));
         int checked = 0;
-        for (size_t i = 1; i < rx.size(); i++) {
-            bool hit = sel[0] == '#' ? std::stoul(sel.substr(1)) == i + 1
-                                     : sel == rx[i - 1].first + ">" + rx[i].first;
-            if (!hit)
+        for (size_t i = 1; i < at.size(); i++) {
+            if (sel[0] == '#' ? std::stoul(sel.substr(1)) != i + 1
+                              : sel != frames[i - 1].substr(10, 2) + ">" + frames[i].substr(10, 2))
                 continue;
             checked++;
-            EXPECT_GE(rx[i].second - rx[i - 1].second, min) << rule << " at frame " << i + 1;
+            EXPECT_GE(std::stod(at[i]) - std::stod(at[i - 1]),
+                      std::stod(rule.substr(rule.find(">=") + 2)))
+                << rule << " at frame " << i + 1;
         }
         EXPECT_GT(checked, 0) << "no frame matches " << rule;
     }
 }
 
+useconds_t after(double s) {
+    return static_cast<useconds_t>((s + harness::tool_slack_s()) * 1e6);
+}
+
 void run_case(const Case& c) {
-    harness::TempDir dir;
-    auto field = [&c](const std::string& k, const std::string& def = "") {
-        auto it = c.field.find(k);
-        return it == c.field.end() ? def : it->second;
-    };
-    std::vector<std::string> mcu_args = words(field("mcu"));
+    Run run{c, {}, {}};
+    Lines mcu_args = words(run.field("mcu"));
     for (std::string& a : mcu_args)
-        if (a.rfind("$START+", 0) == 0)  // emission start, after the tool's start-up
-            a = std::to_string(std::stoi(a.substr(7)) +
-                               static_cast<int>(harness::tool_slack_s() * 1000));
-    mcu_args.insert(mcu_args.end(), {"--image", dir.file("received.bin")});
-    if (!field("gaps").empty())
-        mcu_args.insert(mcu_args.end(), {"--baud", "100000000"});
-    std::unique_ptr<Vmcu> mcu;
+        if (a.rfind("$START+", 0) == 0)
+            a = std::to_string(after(std::stoi(a.substr(7)) / 1000.0) / 1000);
+    mcu_args.insert(mcu_args.end(), {"--image", run.dir.file("received.bin")});
+    if (!run.field("gaps").empty())
+        mcu_args.insert(mcu_args.end(), {"--baud", "100000000"});  // stamps its receive times
     if (!c.link.empty()) {
-        mcu.reset(new Vmcu(c.link == "spi" ? Vmcu::kSpi : Vmcu::kTty, mcu_args));
-        ASSERT_TRUE(mcu->ok());
+        run.mcu.reset(new Vmcu(c.link == "spi" ? Vmcu::kSpi : Vmcu::kTty, mcu_args));
+        ASSERT_TRUE(run.mcu->ok());
     }
-    Context cx{mcu.get(), &dir};
     for (const auto& kv : c.field)
         if (kv.first.rfind("file", 0) == 0)
-            make_file(expand(kv.second, cx), dir);
-    auto command = [&](const std::string& args) {
-        std::vector<std::string> a = words(expand(args, cx));
-        if (mcu && args.find("$DEV") == std::string::npos)
-            a.insert(a.begin(), {"-id", "0xA", "-dev", mcu->dev()});
-        return a;
-    };
-    std::vector<std::string> env = mcu ? mcu->env() : std::vector<std::string>{};
-    for (const std::string& e : words(expand(field("env"), cx)))
+            run.make_file(kv.second);
+    Lines env = run.mcu ? run.mcu->env() : Lines();
+    for (const std::string& e : words(run.expand(run.field("env"))))
         env.push_back(e);
-    // A first tool that holds the device while the case's tool runs.
-    RunResult held;
-    std::thread holder;
-    if (!field("holder").empty()) {
-        holder = std::thread([&] { held = harness::run_tool(command(field("holder")), env); });
-        usleep(static_cast<useconds_t>((0.5 + harness::tool_slack_s()) * 1e6));
+    harness::RunResult held, r;
+    std::thread holder, stopper;
+    if (!run.field("holder").empty()) {
+        holder =
+            std::thread([&] { held = harness::run_tool(run.command(run.field("holder")), env); });
+        usleep(after(0.5));
     }
-    harness::Signal sig;
-    if (!field("signal").empty()) {
-        std::vector<std::string> s = words(field("signal"));
-        sig.sig = s[0] == "INT" ? SIGINT : SIGTERM;
-        sig.after_s = std::stod(s[1]) + harness::tool_slack_s();
-    }
-    // An MCU that goes away while the tool runs ("mcu-stop: SECONDS").
-    std::thread stopper;
-    if (!field("mcu-stop").empty())
+    if (!run.field("mcu-stop").empty())
         stopper = std::thread([&] {
-            usleep(static_cast<useconds_t>(
-                (std::stod(field("mcu-stop")) + harness::tool_slack_s()) * 1e6));
-            mcu->stop();
+            usleep(after(std::stod(run.field("mcu-stop"))));
+            run.mcu->stop();
         });
-    RunResult r = harness::run_tool(command(field("args")), env, 120, sig);
+    harness::Signal sig;
+    if (!run.field("signal").empty()) {
+        Lines s = words(run.field("signal"));
+        sig = {s[0] == "INT" ? SIGINT : SIGTERM, std::stod(s[1]) + harness::tool_slack_s()};
+    }
+    r = harness::run_tool(run.command(run.field("args")), env, 120, sig);
     for (std::thread* t : {&holder, &stopper})
         if (t->joinable())
             t->join();
-    if (mcu)
-        mcu->stop();
+    if (run.mcu)
+        run.mcu->stop();
 
-    EXPECT_EQ(r.status, std::stoi(field("status", "0")));
-    EXPECT_EQ(
-        harness::normalize(r.out),
-        transcript(c.section.count("out") ? c.section.at("out") : std::vector<std::string>{}, cx));
-    EXPECT_EQ(
-        harness::normalize(r.err),
-        transcript(c.section.count("err") ? c.section.at("err") : std::vector<std::string>{}, cx));
-    if (sig.sig != 0) {
-        // Everything printed before the signal reached the pipe before it:
-        // all of the transcript up to the statistics block.
+    EXPECT_EQ(r.status, std::stoi(run.field("status").empty() ? "0" : run.field("status")));
+    EXPECT_EQ(harness::normalize(r.out), run.transcript("out"));
+    EXPECT_EQ(harness::normalize(r.err), run.transcript("err"));
+    if (sig.sig != 0) {  // all printed before the signal had reached the pipe
         EXPECT_EQ(r.out_at_signal,
-                  r.out.substr(0, r.out.find("=============================\nFenlink")));
+                  r.out.substr(0, r.out.find("=============================\nFen")));
     }
-    if (!field("secs").empty()) {
-        std::vector<std::string> s = words(field("secs"));
+    if (!run.field("secs").empty()) {
+        Lines s = words(run.field("secs"));
         EXPECT_GE(r.seconds, std::stod(s[0]));
         EXPECT_LE(r.seconds, std::stod(s[1]) + 2 * harness::tool_slack_s());
     }
     if (c.section.count("holder-out")) {
-        EXPECT_EQ(harness::normalize(held.out), transcript(c.section.at("holder-out"), cx));
+        EXPECT_EQ(harness::normalize(held.out), run.transcript("holder-out"));
     }
-    if (!mcu)
+    if (!run.mcu)
         return;
-    if (c.section.count("frames")) {
-        std::vector<std::string> got;
-        for (const std::string& l : mcu->log("RX "))
-            got.push_back(l);
-        check_frames(c.section.at("frames"), got);
+    if (c.section.count("frames"))
+        check_frames(c.section.at("frames"), run.mcu->log("RX "));
+    Lines log = run.mcu->log_lines();  // "log:" lines appear in this order
+    auto at = log.begin();
+    for (const std::string& want : c.section.count("log") ? c.section.at("log") : Lines()) {
+        at = std::find(at, log.end(), want);
+        EXPECT_NE(at, log.end()) << "not in the MCU's log (in order): " << want;
     }
-    if (c.section.count("log")) {
-        // Lines that must appear in the MCU's log, in this order.
-        std::vector<std::string> log = mcu->log_lines();
-        auto at = log.begin();
-        for (const std::string& want : c.section.at("log")) {
-            at = std::find(at, log.end(), want);
-            EXPECT_NE(at, log.end()) << "not in the MCU's log (in order): " << want;
-        }
-    }
-    if (!field("gaps").empty())
-        check_gaps(field("gaps"), *mcu);
-    std::string received = field("received");
-    if (received == "none") {
-        EXPECT_EQ(harness::read_file(dir.file("received.bin")).size(), 0u);
-    } else if (!received.empty()) {
-        EXPECT_TRUE(harness::read_file(dir.file("received.bin")) ==
-                    harness::read_file(dir.file(received)))
-            << "the MCU does not hold " << received << " byte for byte";
+    if (!run.field("gaps").empty())
+        check_gaps(run.field("gaps"), *run.mcu);
+    std::string stored = harness::read_file(run.dir.file("received.bin"));
+    if (run.field("received") == "none") {
+        EXPECT_EQ(stored.size(), 0u);
+    } else if (!run.field("received").empty()) {
+        EXPECT_TRUE(stored == harness::read_file(run.dir.file(run.field("received"))))
+            << "the MCU does not hold " << run.field("received") << " byte for byte";
     }
 }
 
