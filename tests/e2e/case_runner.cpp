@@ -13,6 +13,7 @@
 //   file: NAME HEX | NAME random N | NAME dir   (file2:, ... for more)
 //   env:, status:, secs: MIN MAX, signal: INT|TERM SECONDS, mcu-stop: SECONDS,
 //   holder: ARGS (a first tool on the same device), received: FILE | none,
+//   each: K=V K2=V2 | K=V ...   one case per alternative, $K replaced by V
 //   gaps: A>B>=MS | #N>=MS   (TTY: the MCU's receive times)
 //   out: / err: / frames: / log: / holder-out:   a section, or one line after
 //                        the colon. Lines "tty|..." and "spi|..." count on
@@ -48,6 +49,25 @@ bool is_section(const std::string& key) {
 
 std::string link_of(const std::string& line) {
     return line.size() > 3 && line[3] == '|' ? line.substr(0, 3) : "";
+}
+
+Lines words(const std::string& text) {
+    Lines w;
+    std::istringstream ss(text);
+    for (std::string s; ss >> s;) {
+        if (s[0] == '\'') {
+            for (std::string more; (s.size() < 2 || s.back() != '\'') && ss >> more;)
+                s += " " + more;
+            s = s.substr(1, s.size() - 2);
+        }
+        w.push_back(s);
+    }
+    return w;
+}
+
+void replace_all(std::string* s, const std::string& from, const std::string& to) {
+    for (size_t p = 0; (p = s->find(from, p)) != std::string::npos; p += to.size())
+        s->replace(p, from.size(), to);
 }
 
 Lines blocks_of_files(std::map<std::string, Lines>* pieces) {
@@ -87,8 +107,28 @@ Lines blocks_of_files(std::map<std::string, Lines>* pieces) {
 std::vector<Case> load_cases() {
     std::map<std::string, Lines> pieces;
     std::vector<Case> cases;
+    std::vector<std::pair<std::string, Lines>> variants;
     for (const std::string& title : blocks_of_files(&pieces)) {
-        Lines b = pieces["=== " + title];
+        const Lines& b = pieces["=== " + title];
+        auto each = std::find_if(b.begin(), b.end(),
+                                 [](const std::string& l) { return l.rfind("each: ", 0) == 0; });
+        std::istringstream alts(each == b.end() ? "" : each->substr(6) + " |");
+        for (std::string alt, w; each != b.end() && alts >> w;) {
+            if (w != "|") {
+                alt += (alt.empty() ? "" : " ") + w;
+                continue;
+            }
+            Lines v = b;
+            for (std::string& l : v)
+                for (const std::string& kv : words(alt))
+                    replace_all(&l, "$" + kv.substr(0, kv.find('=')), kv.substr(kv.find('=') + 1));
+            variants.emplace_back(title + " (" + alt + ")", v);
+            alt.clear();
+        }
+        if (each == b.end())
+            variants.emplace_back(title, b);
+    }
+    for (auto& [title, b] : variants) {
         for (size_t i = 0; i < b.size(); i++) {
             std::string prefix = link_of(b[i]);
             auto piece = pieces.find(b[i].substr(prefix.empty() ? 0 : 4));
@@ -137,25 +177,6 @@ std::vector<Case> load_cases() {
         }
     }
     return cases;
-}
-
-Lines words(const std::string& text) {
-    Lines w;
-    std::istringstream ss(text);
-    for (std::string s; ss >> s;) {
-        if (s[0] == '\'') {
-            for (std::string more; (s.size() < 2 || s.back() != '\'') && ss >> more;)
-                s += " " + more;
-            s = s.substr(1, s.size() - 2);
-        }
-        w.push_back(s);
-    }
-    return w;
-}
-
-void replace_all(std::string* s, const std::string& from, const std::string& to) {
-    for (size_t p = 0; (p = s->find(from, p)) != std::string::npos; p += to.size())
-        s->replace(p, from.size(), to);
 }
 
 // "@stats tx=B/P/F txid=db:1,d5:2 rx=B/P fail=crc/len/sum/seq/sys/dst/cmd
