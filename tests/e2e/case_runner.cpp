@@ -54,12 +54,11 @@ std::string link_of(const std::string& line) {
 Lines words(const std::string& text) {
     Lines w;
     std::istringstream ss(text);
-    for (std::string s; ss >> s;) {
-        if (s[0] == '\'') {
-            for (std::string more; (s.size() < 2 || s.back() != '\'') && ss >> more;)
-                s += " " + more;
-            s = s.substr(1, s.size() - 2);
-        }
+    for (std::string s, more; ss >> s;) {
+        // 'a b' and K='a b' are one word with the blank, '' an empty one.
+        while (std::count(s.begin(), s.end(), '\'') % 2 == 1 && ss >> more)
+            s += " " + more;
+        s.erase(std::remove(s.begin(), s.end(), '\''), s.end());
         w.push_back(s);
     }
     return w;
