@@ -14,7 +14,8 @@
 //   env:, status:, secs: MIN MAX, signal: INT|TERM SECONDS, mcu-stop: SECONDS,
 //   holder: ARGS (a first tool on the same device), received: FILE | none,
 //   each: K=V K2=V2 | K=V ...   one case per alternative, $K replaced by V
-//   gaps: A>B>=MS | #N>=MS   (TTY: the MCU's receive times)
+//   gaps: A>B>=MS | #N>=MS   (TTY: the MCU's receive times), raw: HEX (all
+//   the bytes the MCU received)
 //   out: / err: / frames: / log: / holder-out:   a section, or one line after
 //                        the colon. Lines "tty|..." and "spi|..." count on
 //                        that link only; "@open", "@stats ...", "@empty" and
@@ -336,7 +337,8 @@ void run_case(const Case& c) {
     for (std::string& a : mcu_args)
         if (a.rfind("$START+", 0) == 0)
             a = std::to_string(after(std::stoi(a.substr(7)) / 1000.0) / 1000);
-    mcu_args.insert(mcu_args.end(), {"--image", run.dir.file("received.bin")});
+    mcu_args.insert(mcu_args.end(),
+                    {"--image", run.dir.file("received.bin"), "--raw", run.dir.file("raw.bin")});
     if (!run.field("gaps").empty())
         mcu_args.insert(mcu_args.end(), {"--baud", "100000000"});  // stamps its receive times
     if (!c.link.empty()) {
@@ -400,6 +402,12 @@ void run_case(const Case& c) {
     }
     if (!run.field("gaps").empty())
         check_gaps(run.field("gaps"), *run.mcu);
+    if (!run.field("raw").empty()) {  // every byte the MCU's line received
+        std::string hex;
+        for (unsigned char b : harness::read_file(run.dir.file("raw.bin")))
+            hex += "0123456789ABCDEF"[b >> 4] + std::string(1, "0123456789ABCDEF"[b & 15]);
+        EXPECT_EQ(hex, run.field("raw"));
+    }
     std::string stored = harness::read_file(run.dir.file("received.bin"));
     if (run.field("received") == "none") {
         EXPECT_EQ(stored.size(), 0u);
