@@ -4,12 +4,12 @@
 # (the test harness puts MCU_TOOL_WRAPPER in front of the tool and fails a
 # test on a valgrind report). Builds the plain configuration in build/.
 #
-#   bash scripts/valgrind-e2e.sh              # upgrade, monitor and raw actions
-#   bash scripts/valgrind-e2e.sh 'Links/|Tty' # any CTest name pattern
+#   bash scripts/valgrind-e2e.sh              # upgrade, monitor, raw and debug actions
+#   bash scripts/valgrind-e2e.sh 'E2e/.*_tty_' # any CTest name pattern
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
-pattern=${1:-Upgrade|Actions|Raw}
+pattern=${1:-E2e/.*(image|chunk|parameter|monitor|raw|flood|statistics)}
 
 if ! command -v valgrind >/dev/null; then
     echo "valgrind not found; install it with: apt-get install -y valgrind" >&2
@@ -24,4 +24,4 @@ export MCU_TOOL_WRAPPER="valgrind --error-exitcode=99 --leak-check=full \
 --track-fds=no -q"
 # The tool mostly waits on the virtual MCU, so twice as many tests as cores
 # run at once.
-ctest --test-dir build -R "$pattern" -j$((2 * jobs)) --output-on-failure
+ctest --test-dir build -R "$pattern" -j$((2 * jobs)) --output-on-failure --no-tests=error
