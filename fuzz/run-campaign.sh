@@ -6,7 +6,7 @@
 # BUILD_DIR/campaign/<target>/. Exit status 1 when any target crashed.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-all=(fuzz_parser_spi fuzz_parser_tty fuzz_hex fuzz_cmdline fuzz_upgrade)
+all=(fuzz_parser fuzz_hex fuzz_cmdline fuzz_upgrade)
 [ $# -ge 2 ] || { echo "usage: $0 TARGET|all SECONDS [BUILD_DIR]   (${all[*]})" >&2; exit 2; }
 seconds=$2 build=${3:-build-fuzz}
 if [ "$1" = all ]; then targets=("${all[@]}"); else targets=("$1"); fi
