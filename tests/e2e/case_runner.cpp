@@ -183,9 +183,9 @@ std::vector<Case> load_cases() {
 // rxid=... mode=monitor|noseq|flood": the block the tool prints when the link
 // goes down. The monitor drops the Seq, Sys, Dst and Cmd lines, the flood
 // test Seq, Sys and Dst, --ignore-seq the Seq line.
-std::string stats(const std::string& spec) {
+std::string stats(const std::string& item) {
     std::map<std::string, std::string> kv;
-    for (const std::string& w : words(spec))
+    for (const std::string& w : words(item))
         kv[w.substr(0, w.find('='))] = w.substr(w.find('=') + 1);
     auto nums = [&kv](const std::string& key) {
         std::vector<unsigned> n(7, 0);
@@ -259,8 +259,8 @@ struct Run {
         return a;
     }
     // "NAME HEX", "NAME random N" (deterministic bytes), "NAME dir".
-    void make_file(const std::string& spec) const {
-        Lines w = words(expand(spec));
+    void make_file(const std::string& item) const {
+        Lines w = words(expand(item));
         std::string bytes;
         if (w.size() > 1 && w[1] == "dir")
             mkdir(dir.file(w[0]).c_str(), 0700);
@@ -281,13 +281,13 @@ struct Run {
 void check_frames(const Lines& want, const Lines& got) {
     size_t g = 0;
     bool skip = false;
-    for (const std::string& spec : want) {
-        if (spec == "...") {
+    for (const std::string& item : want) {
+        if (item == "...") {
             skip = true;
             continue;
         }
-        size_t x = spec.find(" x"), n = x == std::string::npos ? 1 : std::stoul(spec.substr(x + 2));
-        std::string pat = spec.substr(0, x);
+        size_t x = item.find(" x"), n = x == std::string::npos ? 1 : std::stoul(item.substr(x + 2));
+        std::string pat = item.substr(0, x);
         bool prefix = pat.back() == '*';
         pat.resize(pat.size() - prefix);
         auto match = [&](size_t i) {
@@ -296,8 +296,8 @@ void check_frames(const Lines& want, const Lines& got) {
         while (skip && g < got.size() && !match(g))
             g++;
         for (size_t i = 0; i < n; i++, g++) {
-            ASSERT_LT(g, got.size()) << "missing frame " << spec;
-            EXPECT_TRUE(match(g)) << "frame " << g + 1 << ": " << got[g] << "\nexpected: " << spec;
+            ASSERT_LT(g, got.size()) << "missing frame " << item;
+            EXPECT_TRUE(match(g)) << "frame " << g + 1 << ": " << got[g] << "\nexpected: " << item;
         }
         skip = false;
     }
@@ -308,10 +308,10 @@ void check_frames(const Lines& want, const Lines& got) {
 
 // Every frame of id B that follows one of id A ("A>B>=MS"), or the frame at
 // position N ("#N>=MS"), came at least MS after the frame before it.
-void check_gaps(const std::string& spec, const Vmcu& mcu) {
+void check_gaps(const std::string& item, const Vmcu& mcu) {
     Lines at = mcu.log("RXTIME at "), frames = mcu.log("RX FD");
     ASSERT_EQ(at.size(), frames.size());
-    for (const std::string& rule : words(spec)) {
+    for (const std::string& rule : words(item)) {
         std::string sel = rule.substr(0, rule.find(">="));
         int checked = 0;
         for (size_t i = 1; i < at.size(); i++) {
