@@ -183,9 +183,9 @@ std::vector<Case> load_cases() {
 // rxid=... mode=monitor|noseq|flood": the block the tool prints when the link
 // goes down. The monitor drops the Seq, Sys, Dst and Cmd lines, the flood
 // test Seq, Sys and Dst, --ignore-seq the Seq line.
-std::string stats(const std::string& item) {
+std::string stats(const std::string& fields) {
     std::map<std::string, std::string> kv;
-    for (const std::string& w : words(item))
+    for (const std::string& w : words(fields))
         kv[w.substr(0, w.find('='))] = w.substr(w.find('=') + 1);
     auto nums = [&kv](const std::string& key) {
         std::vector<unsigned> n(7, 0);
