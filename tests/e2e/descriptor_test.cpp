@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <list>
 #include <set>
 #include <string>
 
@@ -49,8 +50,9 @@ void use(const Vmcu& mcu) {
     for (const std::string& e : mcu.env())
         if (e.rfind("VMCU_SPI_SOCKET=", 0) == 0)
             setenv("VMCU_SPI_SOCKET", e.substr(16).c_str(), 1);
+    static std::list<std::string> paths;
     set_comp_id(0x0A);
-    set_serial_dev((new std::string(mcu.dev()))->c_str());
+    set_serial_dev(paths.emplace_back(mcu.dev()).c_str());
 }
 
 class Descriptors : public testing::TestWithParam<Vmcu::Link> {};
