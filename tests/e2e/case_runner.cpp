@@ -15,7 +15,7 @@
 //   holder: ARGS (a first tool on the same device), received: FILE | none,
 //   each: K=V K2=V2 | K=V ...   one case per alternative, $K replaced by V
 //   gaps: A>B>=MS | #N>=MS   (TTY: the MCU's receive times), raw: HEX (all
-//   the bytes the MCU received)
+//   the bytes the MCU received), emulator: WHY (skipped under qemu, and why)
 //   out: / err: / frames: / log: / holder-out:   a section, or one line after
 //                        the colon. Lines "tty|..." and "spi|..." count on
 //                        that link only; "@open", "@stats ...", "@empty" and
@@ -333,6 +333,8 @@ useconds_t after(double s) {
 
 void run_case(const Case& c) {
     Run run{c, {}, {}};
+    if (!run.field("emulator").empty() && std::string(MCU_EMULATOR) != "")
+        GTEST_SKIP() << run.field("emulator");
     Lines mcu_args = words(run.field("mcu"));
     for (std::string& a : mcu_args)
         if (a.rfind("$START+", 0) == 0)
