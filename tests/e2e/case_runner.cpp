@@ -9,7 +9,8 @@
 //   mcu: ARGS            the virtual MCU's options ($START+MS: emission start
 //                        after the tool's start-up)
 //   args: ARGS           the tool's options, after "-id 0xA -dev $DEV" unless
-//                        they name $DEV ('a b' is one word, '' an empty one)
+//                        they name $DEV ('a b' is one word, '' an empty one;
+//                        $S+N: N seconds after the tool's start-up)
 //   file: NAME HEX | NAME random N | NAME dir   (file2:, ... for more)
 //   env:, status:, secs: MIN MAX, signal: INT|TERM SECONDS, mcu-stop: SECONDS,
 //   holder: ARGS (a first tool on the same device), received: FILE | none,
@@ -254,6 +255,10 @@ struct Run {
     }
     Lines command(const std::string& args) const {
         Lines a = words(expand(args));
+        for (std::string& w : a)  // "$S+N": N seconds after the tool's start-up
+            if (w.rfind("$S+", 0) == 0)
+                w = std::to_string(std::stoi(w.substr(3)) +
+                                   static_cast<int>(harness::tool_slack_s()));
         if (mcu && args.find("$DEV") == std::string::npos)
             a.insert(a.begin(), {"-id", "0xA", "-dev", mcu->dev()});
         return a;
