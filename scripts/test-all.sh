@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds and runs every test of the project, warnings as errors:
-#   1. plain build: unit and end-to-end tests, the 200-run upgrade soak;
+#   1. plain build: the end-to-end cases, the library tests, the 100-run upgrade soak;
 #   2. AddressSanitizer + UndefinedBehaviorSanitizer build: the same tests
 #      (without the soak, which the plain build already ran);
 #   3. AArch64 cross build, run under qemu-aarch64, and the static release
