@@ -23,7 +23,7 @@ namespace {
 volatile sig_atomic_t m_monitor_stop = 0;
 int m_wake_pipe[2] = {-1, -1};
 
-void on_stop_signal(int) {
+void on_stop_signal(int /*signo*/) {
     int saved = errno;
     m_monitor_stop = 1;
     if (m_wake_pipe[1] >= 0) {
@@ -37,11 +37,8 @@ void on_stop_signal(int) {
 // there before when it ends. They are caught even where the shell started
 // the tool ignoring SIGINT (a background job of a script), so that `kill
 // -INT` ends a monitor the same way everywhere.
-struct StopSignals {
-    static constexpr int kSignals[2] = {SIGINT, SIGTERM};
-    struct sigaction old[2];
-    bool caught[2] = {false, false};
-
+class StopSignals {
+public:
     StopSignals() {
         m_monitor_stop = 0;
         if (pipe2(m_wake_pipe, O_CLOEXEC | O_NONBLOCK) == 0)
@@ -69,6 +66,11 @@ struct StopSignals {
     }
     StopSignals(const StopSignals&) = delete;
     StopSignals& operator=(const StopSignals&) = delete;
+
+private:
+    static constexpr int kSignals[2] = {SIGINT, SIGTERM};
+    struct sigaction old[2];
+    bool caught[2] = {false, false};
 };
 
 // Pause between SPI monitor passes that found nothing, so the loop never
