@@ -33,45 +33,41 @@ void on_stop_signal(int /*signo*/) {
     errno = saved;
 }
 
-// Catches the stop signals for the monitor's lifetime and restores what was
-// there before when it ends. They are caught even where the shell started
-// the tool ignoring SIGINT (a background job of a script), so that `kill
-// -INT` ends a monitor the same way everywhere.
-class StopSignals {
-public:
-    StopSignals() {
-        m_monitor_stop = 0;
-        if (pipe2(m_wake_pipe, O_CLOEXEC | O_NONBLOCK) == 0)
-            m_wake_fd = m_wake_pipe[0];
-        struct sigaction sa;
-        memset(&sa, 0, sizeof sa);
-        sa.sa_handler = on_stop_signal;
-        sigemptyset(&sa.sa_mask);
-        sa.sa_flags = SA_RESTART;  // device reads resume; the wait ends
-        for (int i = 0; i < 2; i++) {
-            caught[i] = sigaction(kSignals[i], &sa, &old[i]) == 0;
-        }
-    }
-    ~StopSignals() {
-        for (int i = 0; i < 2; i++) {
-            if (caught[i])
-                sigaction(kSignals[i], &old[i], nullptr);
-        }
-        m_wake_fd = -1;
-        for (int& fd : m_wake_pipe) {
-            if (fd >= 0)
-                close(fd);
-            fd = -1;
-        }
-    }
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
+// The stop signals, caught for the monitor's lifetime; what was there before
+// is restored when it ends. They are caught even where the shell started the
+// tool ignoring SIGINT (a background job of a script), so that `kill -INT`
+// ends a monitor the same way everywhere. (Plain calls rather than a guard
+// object: the tool keeps no exception-unwinding code and needs no C++
+// runtime library.)
+constexpr int kStopSignals[2] = {SIGINT, SIGTERM};
+struct sigaction m_old_actions[2];
+bool m_caught[2] = {false, false};
 
-private:
-    static constexpr int kSignals[2] = {SIGINT, SIGTERM};
-    struct sigaction old[2];
-    bool caught[2] = {false, false};
-};
+void catch_stop_signals(void) {
+    m_monitor_stop = 0;
+    if (pipe2(m_wake_pipe, O_CLOEXEC | O_NONBLOCK) == 0)
+        m_wake_fd = m_wake_pipe[0];
+    struct sigaction sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sa_handler = on_stop_signal;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_RESTART;  // device reads resume; the wait ends
+    for (int i = 0; i < 2; i++)
+        m_caught[i] = sigaction(kStopSignals[i], &sa, &m_old_actions[i]) == 0;
+}
+
+void release_stop_signals(void) {
+    for (int i = 0; i < 2; i++) {
+        if (m_caught[i])
+            sigaction(kStopSignals[i], &m_old_actions[i], nullptr);
+    }
+    m_wake_fd = -1;
+    for (int& fd : m_wake_pipe) {
+        if (fd >= 0)
+            close(fd);
+        fd = -1;
+    }
+}
 
 // Pause between SPI monitor passes that found nothing, so the loop never
 // spins; the MCU's output is collected one 528-byte transfer per pass.
@@ -186,6 +182,10 @@ int mcu_debug(ST_DebugCmd* msg) {
     return -2;
 }
 
+namespace {
+int monitor_loop(uint8_t msgid, int timeout);
+}  // namespace
+
 int mcu_monitor(uint8_t msgid, int timeout) {
     // 1. No limit: the largest int.
     if (timeout <= 0)
@@ -199,7 +199,17 @@ int mcu_monitor(uint8_t msgid, int timeout) {
     m_comp_id_check = 0;
     m_msgid_check = 0;
     // 4. Start; from here a stop signal ends the monitor like its time.
-    StopSignals stop_signals;
+    catch_stop_signals();
+    int ret = monitor_loop(msgid, timeout);
+    release_stop_signals();
+    return ret;
+}
+
+namespace {
+
+// Step 5 of the monitor: listen until the time is up or a stop signal came.
+// Its diagnostics carry the monitor's name.
+int monitor_loop(uint8_t msgid, int timeout) {
     int32_t tick0 = Time_GetMs();
     // 5. Listen until the time is up.
     while (m_monitor_stop == 0 && elapsed_ms(tick0) < timeout) {
@@ -217,18 +227,18 @@ int mcu_monitor(uint8_t msgid, int timeout) {
             if (mcu_wait(timeout) <= 0) {
                 if (m_monitor_stop != 0)
                     break;
-                LOG_DBG("mcu_wait fail\n");
+                LOG_DBG_AS("mcu_monitor", "mcu_wait fail\n");
                 continue;
             }
             // A hung-up device stays readable without a byte to read; the
             // monitor ends rather than spin until its time is up.
             if (tty_hung_up(m_serial_fd)) {
-                LOG_ERR("%s hung up\n", m_serial_dev);
+                LOG_ERR_AS("mcu_monitor", "%s hung up\n", m_serial_dev);
                 return -1;
             }
             // 5.2 One frame from the line.
             if (mcu_recv(&m_rx_msg, nullptr, 0) < 0) {
-                LOG_DBG("mcu recv fail\n");
+                LOG_DBG_AS("mcu_monitor", "mcu recv fail\n");
                 continue;
             }
         }
@@ -240,3 +250,5 @@ int mcu_monitor(uint8_t msgid, int timeout) {
     }
     return 0;
 }
+
+}  // namespace
