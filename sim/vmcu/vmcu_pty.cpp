@@ -194,6 +194,13 @@ int PtyLink::serve() {
     for (;;) {
         const int64_t now = now_ms();
         if (rt_.stop_requested()) {
+            // Bytes a tool wrote just before it ended may still be on their way through the
+            // tty layer: they belong in the log.
+            struct pollfd p = {master_, POLLIN, 0};
+            for (ssize_t n; poll(&p, 1, 20) > 0 && (n = read(master_, buf, sizeof buf)) > 0;) {
+                log_.raw(buf, static_cast<size_t>(n));
+                rx_.feed(buf, static_cast<size_t>(n));
+            }
             log_.line("EXIT signal");
             return 0;
         }

@@ -7,14 +7,8 @@
 int gettimeofday(struct timeval* tv, void* tz) {
     (void)tz;
     const char* s = getenv("MCU_FIXED_TIME");
-    long sec = 0, usec = 0;
-    if (s != NULL) {
-        char* end = NULL;
-        sec = strtol(s, &end, 10);
-        if (end != NULL && *end == '.')
-            usec = strtol(end + 1, NULL, 10);
-    }
-    tv->tv_sec = sec;
-    tv->tv_usec = usec;
+    char* end = NULL;
+    tv->tv_sec = s != NULL ? strtol(s, &end, 10) : 0;
+    tv->tv_usec = end != NULL && *end == '.' ? strtol(end + 1, NULL, 10) : 0;
     return 0;
 }
