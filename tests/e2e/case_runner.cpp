@@ -11,8 +11,8 @@
 // (one case per alternative); gaps: A>B>=MS|#N>=MS (TTY frame gaps); raw: HEX
 // (every byte received); emulator: WHY (skipped under qemu).
 // Sections: out: err: frames: log: holder-out:, first line after the colon or
-// below. "tty|"/"spi|" lines count on that link only; "@open", "@stats ...",
-// "@empty" and "=== @name" pieces stand for their lines.
+// below. "tty|"/"spi|" lines count on that link only; "@stats ...", "@empty"
+// and "=== @name" pieces stand for their lines.
 #include <signal.h>
 #include <sys/stat.h>
 
@@ -62,12 +62,14 @@ void replace_all(std::string* s, const std::string& from, const std::string& to)
 }
 
 // The lines with pieces spliced in, a piece's lines under the link of the line
-// that names it.
+// that names it (those of another link left out).
 Lines splice(const Lines& lines, const std::map<std::string, Lines>& pieces,
              const std::string& link) {
     Lines out;
     for (const std::string& l : lines) {
         const std::string own = link_of(l);
+        if (!own.empty() && !link.empty() && own != link)
+            continue;
         auto piece = pieces.find(l.substr(own.empty() ? 0 : 4));
         if (piece != pieces.end()) {
             for (const std::string& p : splice(piece->second, pieces, own.empty() ? link : own))
@@ -273,9 +275,7 @@ void run_case(const Case& c) {
     auto transcript = [&](const std::string& section) {
         std::string t;
         for (const std::string& l : c.section.count(section) ? c.section.at(section) : Lines())
-            t += l == "@open"                ? mcu->open_lines()
-                 : l.rfind("@stats", 0) == 0 ? stats(l.substr(6))
-                                             : expand(l) + "\n";
+            t += l.rfind("@stats", 0) == 0 ? stats(l.substr(6)) : expand(l) + "\n";
         replace_all(&t, "\\b", "\b");  // the progress figure's backspaces
         return t;
     };

@@ -222,12 +222,4 @@ Lines Vmcu::log(const std::string& prefix) const {
     return out;
 }
 
-std::string Vmcu::open_lines() const {
-    if (link_ == kTty)
-        return "open " + dev_ + " @ 115200\n";
-    return "open /dev/spidev0.0 @ 115200\n"
-           "mcu_open #, invalid spi speed: 115200, using default\n\n"
-           "========open_spi_serial: /dev/spidev0.0 success\n";
-}
-
 }  // namespace harness

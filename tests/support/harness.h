@@ -58,7 +58,6 @@ public:
     Lines env() const;  // what the tool needs to reach it (the SPI emulation)
     void stop();        // the log is complete afterwards
     Lines log(const std::string& prefix = "") const;  // its lines that start so, without it
-    std::string open_lines() const;                   // what the tool prints opening it at 115200
 
 private:
     Link link_;
