@@ -1,11 +1,10 @@
-// Upgrade soak: many upgrades of the real tool against the virtual MCU, each with a random image,
-// upgrade parameters (a few out of range), link (pty or SPI) and faults the MCU injects. Each run
-// keeps one rule: the tool prints "upgrade <file> successfully" exactly when the MCU holds a
-// byte-identical image that passed its CRC check and was told to start it (a fault on the answer
-// to APP_GO excuses a missing success line); the MCU's CRC check never fails, as the tool sends
-// nothing but the file; and the tool ends cleanly within the worst case its parameters and faults
-// allow. Run I of seed S is the same on every invocation: a shell script in DIR/run-I, kept with
-// its transcripts when it breaks the rule (`sh DIR/run-I/run.sh` replays it).
+// Upgrade soak: upgrades of the real tool against the virtual MCU, each with a random image,
+// upgrade parameters (a few out of range), link (pty or SPI) and faults the MCU injects. The rule
+// of every run: the tool prints "upgrade <file> successfully" exactly when the MCU holds the
+// byte-identical image, its CRC check passed and it was told to start it (a fault on the answer to
+// that start excuses a missing success line); the MCU's CRC check never fails; and the tool ends
+// with status 0 within the worst case its parameters and faults allow. Run I of seed S is the same
+// on every invocation: a script in DIR/run-I, kept with its transcripts when it breaks the rule.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -40,6 +39,10 @@ using Clock = std::chrono::steady_clock;
 std::string slurp(const std::string& path) {
     std::ifstream f(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
+}
+
+double since(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
 struct Outcome {
@@ -150,7 +153,7 @@ Outcome run(unsigned long long seed, unsigned index, const std::string& dir) {
         << "echo $? >status\nkill $vmcu\nwait $vmcu\n";
     const Clock::time_point start = Clock::now();
     const int sh = std::system(("sh '" + dir + "/run.sh'").c_str());
-    o.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    o.seconds = since(start);
     const std::string log = slurp(dir + "/vmcu.log"), status = slurp(dir + "/status");
     o.success = slurp(dir + "/tool.out").find("upgrade app.bin successfully\n") != log.npos;
     const size_t crc_ok = log.rfind("\nCRC ok"), app_go = log.rfind("\nAPP_GO ");
@@ -174,29 +177,28 @@ Outcome run(unsigned long long seed, unsigned index, const std::string& dir) {
 
 int main(int argc, char** argv) {
     unsigned long long seed = std::random_device()();
-    unsigned runs = 0, jobs = 4;
+    unsigned runs = 0, jobs = 4, successes = 0, failures = 0, breaks = 0;
     std::string keep = "soak-breaks";
-    bool quiet = false;
+    bool quiet = false, bad = false;
     for (int i = 1; i < argc; i++) {
         const std::string a = argv[i], v = i + 1 < argc ? argv[i + 1] : "";
-        if (a == "--seed" && ++i)
+        if (a == "--quiet")
+            quiet = true;
+        else if (a == "--seed" && ++i)
             seed = strtoull(v.c_str(), nullptr, 0);
         else if (a == "--jobs" && ++i)
             jobs = std::max(1ul, strtoul(v.c_str(), nullptr, 10));
         else if (a == "--keep" && ++i)
             keep = v;
-        else if (a == "--quiet")
-            quiet = true;
-        else if (a[0] == '-' || (runs = strtoul(a.c_str(), nullptr, 10)) == 0) {
-            printf("usage: soak RUNS [--seed S] [--jobs J] [--keep DIR] [--quiet]\n");
-            return 2;
-        }
+        else
+            bad |= a[0] == '-' || (runs = strtoul(a.c_str(), nullptr, 10)) == 0;
     }
+    if (bad || runs == 0)
+        return printf("usage: soak RUNS [--seed S] [--jobs J] [--keep DIR] [--quiet]\n"), 2;
     printf("soak: seed %llu, %u runs, %u jobs\n", seed, runs, jobs);
     fflush(stdout);
     std::mutex mu;
     std::atomic<unsigned> next{0};
-    unsigned successes = 0, failures = 0, breaks = 0;
     const Clock::time_point start = Clock::now();
     std::vector<std::thread> workers;
     for (unsigned j = 0; j < jobs; j++)
@@ -220,7 +222,6 @@ int main(int argc, char** argv) {
     std::error_code no_breaks;
     std::filesystem::remove(keep, no_breaks);  // only if empty
     printf("soak: runs %u, successes %u, failures %u, rule breaks %u; wall %.1f s, seed %llu\n",
-           successes + failures, successes, failures, breaks,
-           std::chrono::duration<double>(Clock::now() - start).count(), seed);
+           successes + failures, successes, failures, breaks, since(start), seed);
     return breaks > 0 ? 1 : 0;
 }

@@ -5,7 +5,6 @@
 #include <string.h>
 
 #include "fuzz_support.h"
-#include "fuzz_upgrade_mcu.h"
 
 const unsigned int kTtyCbaudMask = 0;
 const unsigned int kTtyBotherFlag = 0;
@@ -15,11 +14,9 @@ FakeMcu g_fake_mcu;
 int tty_set_custom_rate(int, int) {
     return -1;
 }
-
 bool tty_hung_up(int) {
     return false;
 }
-
 int spi_configure(int, uint8_t, uint32_t, uint8_t, const char**) {
     return 0;
 }
@@ -36,15 +33,13 @@ int spi_transfer(int, const uint8_t* tx, uint8_t* rx) {
         return choice == 255 ? -1 : SPI_BLOCK_SIZE;  // a failed transfer, or silence
     uint8_t code = choice < 230 ? RESULT_SUCCESS : choice % RESULT_CODE_MAX;
     int len = frame_payload_len(req);
-    bool fresh = !f.have_seq || req->seq != f.last_seq;
+    bool fresh = req->seq != f.last_seq;
     // Success and busy both take the request (busy answers it at a later poll).
     bool taken = code == RESULT_SUCCESS || code == RESULT_BUSY;
     if (taken && req->msgid == CMD_DOWNLOADING && fresh)
         f.received.insert(f.received.end(), req->data, req->data + len);
-    if (taken && req->msgid == CMD_DOWNLOADING) {
-        f.have_seq = true;
+    if (taken && req->msgid == CMD_DOWNLOADING)
         f.last_seq = req->seq;
-    }
     if (choice >= 240 && choice < 245)
         return SPI_BLOCK_SIZE;  // acted on, answer lost
     uint8_t* a = f.pending;

@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
@@ -21,6 +23,11 @@ int count_print(const char* fmt, ...) {
 }
 
 }  // namespace
+
+void fuzz_fail(const char* file, int line, const char* cond) {
+    fprintf(stderr, "%s:%d: property failed: %s\n", file, line, cond);
+    abort();
+}
 
 void fuzz_quiet_init(void) {
     dup2(open("/dev/null", O_WRONLY), 1);

@@ -1,32 +1,29 @@
-// Shared pieces of the libFuzzer targets: a property check that stops the
-// run, quiet output with a count of what was printed, the check that an
-// accepted frame passes every receive check the parser states, and a virtual
-// clock (this process's own gettimeofday and nanosleep) so that pauses and
-// time-outs cost no real time.
+// What the fuzz targets share: a property check that stops the run (abort,
+// so libFuzzer keeps the input), quiet output with a count of what was
+// printed, the check that an accepted frame passes every receive check the
+// parser states, a virtual clock (pauses and time-outs cost no real time)
+// and the fake MCU behind the SPI transfers (fake_kernel.cpp).
 #ifndef MCU_FUZZ_SUPPORT_H
 #define MCU_FUZZ_SUPPORT_H
 
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
+#include <vector>
 
 #include "mcu_tool2_internal.h"
 
-// Stops the run (abort, so libFuzzer keeps the input) when a property fails.
-#define FUZZ_CHECK(cond)                                                                \
-    do {                                                                                \
-        if (!(cond)) {                                                                  \
-            fprintf(stderr, "%s:%d: property failed: %s\n", __FILE__, __LINE__, #cond); \
-            abort();                                                                    \
-        }                                                                               \
-    } while (0)
-
-// Standard output to /dev/null; diagnostics counted, not printed.
-void fuzz_quiet_init(void);
-// Bytes of diagnostics since the last call.
-size_t fuzz_diag_bytes(void);
-// An accepted frame holds the header sum, the CRC with the message's extra
-// byte, and the source, destination, sequence and id the enabled checks ask.
+#define FUZZ_CHECK(cond) ((cond) ? (void)0 : fuzz_fail(__FILE__, __LINE__, #cond))
+[[noreturn]] void fuzz_fail(const char* file, int line, const char* cond);
+void fuzz_quiet_init(void);    // standard output to /dev/null, diagnostics counted
+size_t fuzz_diag_bytes(void);  // bytes of diagnostics since the last call
 void fuzz_check_accepted(const ST_MavlinkMsg& m);
+
+struct FakeMcu {
+    std::vector<uint8_t> script;  // one choice per request: <230 success, 230-239 a result
+                                  // code, 240-244 answer lost, 250-254 silence, 255 failed transfer
+    size_t pos = 0;
+    std::vector<uint8_t> received;  // the chunks acknowledged, once each
+    int last_seq = -1;
+    uint8_t pending[SPI_BLOCK_SIZE] = {};  // the answer for the next transfer
+};
+extern FakeMcu g_fake_mcu;
 
 #endif  // MCU_FUZZ_SUPPORT_H

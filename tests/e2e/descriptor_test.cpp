@@ -3,10 +3,10 @@
 // the test's environment, so /dev/spidev0.0 reaches a vmcu started with
 // --spi once VMCU_SPI_SOCKET names its socket).
 #include <gtest/gtest.h>
-#include <dirent.h>
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <list>
 #include <set>
 #include <string>
@@ -31,16 +31,9 @@ struct ChildrenWithoutPreload {
 // What the descriptors of this process refer to.
 std::multiset<std::string> open_descriptors() {
     std::multiset<std::string> fds;
-    DIR* d = opendir("/proc/self/fd");
-    while (const struct dirent* e = d != nullptr ? readdir(d) : nullptr) {
-        char target[512] = {};
-        std::string name = e->d_name;
-        if (name != "." && name != ".." && name != std::to_string(dirfd(d)) &&
-            readlink(("/proc/self/fd/" + name).c_str(), target, sizeof target - 1) > 0)
-            fds.insert(target);
-    }
-    if (d != nullptr)
-        closedir(d);
+    std::error_code ec;
+    for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd", ec))
+        fds.insert(std::filesystem::read_symlink(fd.path(), ec).string());
     return fds;
 }
 

@@ -1,7 +1,6 @@
 #include "harness.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -33,11 +32,10 @@ Lines split(const std::string& text, char sep) {
     return words;
 }
 
-// Starts `program` with `args`, behind the cross build's emulator when there
-// is one (which then gets LD_PRELOAD for the emulated program only) and after
-// `prefix` (a wrapper); its stdout (and stderr, with `err`) on pipes.
-pid_t spawn(Lines cmd, const std::string& program, const Lines& args, Lines env, int* out,
-            int* err) {
+// Starts `program` with `args` after `cmd` (a wrapper), behind the cross
+// build's emulator when there is one (which then gets LD_PRELOAD for the
+// emulated program only), with standard output and error on `out` and `err`.
+pid_t spawn(Lines cmd, const std::string& program, const Lines& args, Lines env, int out, int err) {
     for (const std::string& w : split(MCU_EMULATOR, '|'))
         cmd.push_back(w);
     for (auto it = env.begin(); std::string(MCU_EMULATOR) != "" && it != env.end();) {
@@ -62,26 +60,13 @@ pid_t spawn(Lines cmd, const std::string& program, const Lines& args, Lines env,
         envp.push_back(&e[0]);
     argv.push_back(nullptr);
     envp.push_back(nullptr);
-    int outp[2], errp[2] = {-1, -1};
-    if (pipe(outp) != 0 || (err != nullptr && pipe(errp) != 0))
-        return -1;
     pid_t pid = fork();
     if (pid == 0) {
-        dup2(outp[1], 1);
-        if (err != nullptr)  // else standard error stays the test's
-            dup2(errp[1], 2);
+        dup2(out, 1);
+        dup2(err, 2);
         dup2(open("/dev/null", O_RDONLY), 0);
-        for (int fd : {outp[0], outp[1], errp[0], errp[1]})
-            if (fd >= 0)
-                close(fd);
         execvpe(argv[0], argv.data(), envp.data());
         _exit(127);
-    }
-    close(outp[1]);
-    *out = outp[0];
-    if (err != nullptr) {
-        close(errp[1]);
-        *err = errp[0];
     }
     return pid;
 }
@@ -90,51 +75,39 @@ pid_t spawn(Lines cmd, const std::string& program, const Lines& args, Lines env,
 
 RunResult run_tool(const Lines& args, const Lines& env, int sig, double sig_at) {
     RunResult r;
-    const Lines wrapper = split(getenv("MCU_TOOL_WRAPPER") ? getenv("MCU_TOOL_WRAPPER") : "", ' ');
-    const double start = now_s(), limit_s = 120;
-    struct pollfd fds[2] = {{-1, POLLIN, 0}, {-1, POLLIN, 0}};
-    pid_t pid = spawn(wrapper, MCU_TOOL_PATH, args, env, &fds[0].fd, &fds[1].fd);
-    std::string* sinks[2] = {&r.out, &r.err};
-    bool killed = false;
-    while (pid > 0 && (fds[0].fd >= 0 || fds[1].fd >= 0)) {
-        const double t = now_s() - start;
-        if (t >= limit_s && !killed)
-            killed = kill(pid, SIGKILL) == 0;
-        if (sig != 0 && t >= sig_at) {
-            r.out_at_signal = r.out;
-            kill(pid, sig);
-            sig = 0;
-        }
-        double wait = sig != 0 ? std::min(limit_s, sig_at) - t : limit_s - t;
-        if (poll(fds, 2, killed ? 1000 : static_cast<int>(wait * 1000) + 1) < 0)
-            break;
-        for (int i = 0; i < 2; i++) {
-            char buf[65536];
-            ssize_t n = 0;
-            if (fds[i].fd >= 0 && (fds[i].revents & (POLLIN | POLLHUP | POLLERR)) &&
-                (n = read(fds[i].fd, buf, sizeof buf)) > 0)
-                sinks[i]->append(buf, static_cast<size_t>(n));
-            else if (fds[i].fd >= 0 && fds[i].revents != 0)
-                close(std::exchange(fds[i].fd, -1));
-        }
+    TempDir dir;
+    const char* wrapper = getenv("MCU_TOOL_WRAPPER");
+    Lines cmd = split(wrapper != nullptr ? wrapper : "", ' ');
+    cmd.insert(cmd.begin(), {"timeout", "-s", "KILL", "120"});  // relays the signal
+    const int out = open(dir.file("out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const int err = open(dir.file("err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const double start = now_s();
+    const pid_t pid = spawn(cmd, MCU_TOOL_PATH, args, env, out, err);
+    close(out);
+    close(err);
+    if (sig != 0) {
+        usleep(static_cast<useconds_t>(sig_at * 1e6));
+        r.out_at_signal = read_file(dir.file("out"));
+        kill(pid, sig);
     }
     int status = 0;
     waitpid(pid, &status, 0);
     r.seconds = now_s() - start;
     r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    r.out = read_file(dir.file("out"));
+    r.err = read_file(dir.file("err"));
     // The wrapper's own lines start with "==<pid>=="; it exits 99 on a finding.
     static const std::regex report_line(R"(^==[0-9]+==.*\n?)", std::regex::multiline);
     std::string report;
     for (std::sregex_iterator it(r.err.begin(), r.err.end(), report_line), end; it != end; ++it)
         report += it->str();
-    if (!wrapper.empty() && (!report.empty() || r.status == 99))
-        ADD_FAILURE() << "report from " << wrapper[0] << " (status " << r.status << "):\n"
-                      << report;
+    if (cmd.size() > 4 && (!report.empty() || r.status == 99))
+        ADD_FAILURE() << "report from " << cmd[4] << " (status " << r.status << "):\n" << report;
     r.err = std::regex_replace(r.err, report_line, "");
     if (r.err.find("Sanitizer") != std::string::npos || r.err.find("runtime error:") != r.err.npos)
         ADD_FAILURE() << "sanitizer report from the tool:\n" << r.err;
-    if (killed)
-        ADD_FAILURE() << "the tool did not end within " << limit_s << " s";
+    if (r.status == 137)
+        ADD_FAILURE() << "the tool did not end within 120 s";
     return r;
 }
 
@@ -183,7 +156,11 @@ Vmcu::Vmcu(Link link, const Lines& args) : link_(link) {
         argv.push_back(dir_.file("spi.sock"));
     argv.insert(argv.end(), {"--log", dir_.file("vmcu.log")});
     argv.insert(argv.end(), args.begin(), args.end());
-    pid_ = spawn({}, MCU_VMCU_PATH, argv, {}, &out_fd_, nullptr);
+    int p[2] = {-1, -1};
+    if (pipe2(p, O_CLOEXEC) == 0)
+        pid_ = spawn({}, MCU_VMCU_PATH, argv, {}, p[1], 2);
+    close(p[1]);
+    out_fd_ = p[0];
     // The first line names the device: "pty: /dev/pts/N" or "spi: PATH".
     std::string line;
     for (char c; line.find('\n') == line.npos && read(out_fd_, &c, 1) == 1;)
