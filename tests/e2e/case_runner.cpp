@@ -13,12 +13,18 @@
 // Sections: out: err: frames: log: holder-out:, first line after the colon or
 // below. "tty|"/"spi|" lines count on that link only; "@stats ...", "@empty"
 // and "=== @name" pieces stand for their lines.
+#include <gtest/gtest.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <regex>
@@ -26,12 +32,208 @@
 #include <sstream>
 #include <thread>
 
-#include "harness.h"
-
-using harness::Lines;
-using harness::Vmcu;
+extern char** environ;
 
 namespace {
+
+using Lines = std::vector<std::string>;
+
+double now_s() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+Lines split(const std::string& text, char sep) {
+    Lines words;
+    std::istringstream ss(text);
+    for (std::string w; std::getline(ss, w, sep);)
+        if (!w.empty())
+            words.push_back(w);
+    return words;
+}
+
+// Starts `program` with `args` after `cmd` (a wrapper), behind the cross
+// build's emulator when there is one (which then gets LD_PRELOAD for the
+// emulated program only), with standard output and error on `out` and `err`.
+pid_t spawn(Lines cmd, const std::string& program, const Lines& args, Lines env, int out, int err) {
+    for (const std::string& w : split(MCU_EMULATOR, '|'))
+        cmd.push_back(w);
+    for (auto it = env.begin(); std::string(MCU_EMULATOR) != "" && it != env.end();) {
+        if (it->rfind("LD_PRELOAD=", 0) == 0) {
+            cmd.insert(cmd.end(), {"-E", *it});
+            it = env.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    cmd.push_back(program);
+    cmd.insert(cmd.end(), args.begin(), args.end());
+    auto name_of = [](const std::string& e) { return e.substr(0, e.find('=') + 1); };
+    for (char** e = environ; *e != nullptr; e++)
+        if (std::none_of(env.begin(), env.end(),
+                         [&](auto& s) { return name_of(s) == name_of(*e); }))
+            env.emplace_back(*e);
+    std::vector<char*> argv, envp;
+    for (std::string& a : cmd)
+        argv.push_back(&a[0]);
+    for (std::string& e : env)
+        envp.push_back(&e[0]);
+    argv.push_back(nullptr);
+    envp.push_back(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(out, 1);
+        dup2(err, 2);
+        dup2(open("/dev/null", O_RDONLY), 0);
+        execvpe(argv[0], argv.data(), envp.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+// Seconds a wrapped tool needs beyond a native one to start and to end
+// (MCU_TOOL_WRAPPER_SLACK_S, else 3 with a wrapper, 0 without).
+double tool_slack_s() {
+    const char* slack = getenv("MCU_TOOL_WRAPPER_SLACK_S");
+    if (getenv("MCU_TOOL_WRAPPER") == nullptr || !*getenv("MCU_TOOL_WRAPPER"))
+        return 0;
+    return slack != nullptr && *slack ? atof(slack) : 3.0;
+}
+
+// Source lines of diagnostics, trace stamps, the statistics' elapsed time and
+// the build stamp replaced by "#", "<T>", "#.###" and "<stamp>".
+std::string normalize(const std::string& text) {
+    static const std::regex diag(R"(([A-Za-z_][A-Za-z0-9_]*) [0-9]+, )");
+    static const std::regex stamp(R"(<[0-9]+\.[0-9]{6}>)");
+    static const std::regex elapse(R"(elapse -?[0-9]+\.-?[0-9]{3} s)");
+    static const std::regex build(
+        R"(Build [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2})");
+    std::string s = std::regex_replace(text, diag, "$1 #, ");
+    s = std::regex_replace(s, stamp, "<T>");
+    s = std::regex_replace(s, elapse, "elapse #.### s");
+    return std::regex_replace(s, build, "Build <stamp>");
+}
+
+std::string read_file(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
+}
+
+// A scratch directory, removed at destruction.
+struct TempDir {
+    std::string path;
+    TempDir() {
+        char tmpl[] = "/tmp/mcu_test_XXXXXX";
+        path = mkdtemp(tmpl) != nullptr ? tmpl : "/tmp/mcu_test_failed";
+    }
+    ~TempDir() {
+        std::error_code ec;
+        std::filesystem::remove_all(path, ec);
+    }
+    std::string file(const std::string& name) const { return path + "/" + name; }
+};
+
+struct RunResult {
+    std::string out, err, out_at_signal;  // out_at_signal: written before the signal was sent
+    int status = -1;                      // exit status, or 128 + signal
+    double seconds = 0;
+};
+
+// Runs the tool with `args` (files `name`.out and `name`.err in `dir`); `env`
+// entries ("NAME=value") replace inherited ones; `sig`, when not 0, is sent
+// `sig_at` seconds after the start. A tool still running after 120 s is
+// killed. A report of the wrapper or a sanitizer fails the test that ran it.
+RunResult run_tool(const TempDir& dir, const std::string& name, const Lines& args, const Lines& env,
+                   int sig = 0, double sig_at = 0) {
+    RunResult r;
+    const char* wrapper = getenv("MCU_TOOL_WRAPPER");
+    Lines cmd = split(wrapper != nullptr ? wrapper : "", ' ');
+    cmd.insert(cmd.begin(), {"timeout", "-s", "KILL", "120"});  // relays the signal
+    const int out = open(dir.file(name + ".out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const int err = open(dir.file(name + ".err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const double start = now_s();
+    const pid_t pid = spawn(cmd, MCU_TOOL_PATH, args, env, out, err);
+    close(out);
+    close(err);
+    if (sig != 0) {
+        usleep(static_cast<useconds_t>(sig_at * 1e6));
+        r.out_at_signal = read_file(dir.file(name + ".out"));
+        kill(pid, sig);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    r.seconds = now_s() - start;
+    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    r.out = read_file(dir.file(name + ".out"));
+    r.err = read_file(dir.file(name + ".err"));
+    // The wrapper's own lines start with "==<pid>=="; it exits 99 on a finding.
+    static const std::regex report_line(R"(^==[0-9]+==.*\n?)", std::regex::multiline);
+    std::string report;
+    for (std::sregex_iterator it(r.err.begin(), r.err.end(), report_line), end; it != end; ++it)
+        report += it->str();
+    if (cmd.size() > 4 && (!report.empty() || r.status == 99))
+        ADD_FAILURE() << "report from " << cmd[4] << " (status " << r.status << "):\n" << report;
+    r.err = std::regex_replace(r.err, report_line, "");
+    if (r.err.find("Sanitizer") != std::string::npos || r.err.find("runtime error:") != r.err.npos)
+        ADD_FAILURE() << "sanitizer report from the tool:\n" << r.err;
+    if (r.status == 137)
+        ADD_FAILURE() << "the tool did not end within 120 s";
+    return r;
+}
+
+// The virtual MCU as a child process, on a pseudo-terminal or behind the
+// emulated /dev/spidev0.0, logging into the case's scratch directory.
+struct Vmcu {
+    const TempDir& dir;
+    const bool spi;
+    std::string dev;
+    pid_t pid = -1;
+    int out = -1;
+    Vmcu(const TempDir& dir, bool spi, const Lines& args) : dir(dir), spi(spi) {
+        Lines argv = {spi ? "--spi" : "--pty"};
+        if (spi)
+            argv.push_back(dir.file("spi.sock"));
+        argv.insert(argv.end(), {"--log", dir.file("vmcu.log")});
+        argv.insert(argv.end(), args.begin(), args.end());
+        int p[2] = {-1, -1};
+        if (pipe2(p, O_CLOEXEC) == 0)
+            pid = spawn({}, MCU_VMCU_PATH, argv, {}, p[1], 2);
+        close(p[1]);
+        out = p[0];
+        // The first line names the device: "pty: /dev/pts/N" or "spi: PATH".
+        std::string line;
+        for (char c; line.find('\n') == line.npos && read(out, &c, 1) == 1;)
+            line += c;
+        if (line.rfind("pty: ", 0) == 0)
+            dev = line.substr(5, line.size() - 6);
+        if (line.rfind("spi: ", 0) == 0)
+            dev = "/dev/spidev0.0";
+    }
+    ~Vmcu() { stop(); }
+    void stop() {  // the log is complete afterwards
+        if (pid > 0 && kill(pid, SIGTERM) == 0 && waitpid(pid, nullptr, 0) > 0)
+            close(out);
+        pid = -1;
+    }
+    // What the tool needs to reach it: the SPI emulation, which comes before
+    // a sanitized tool's runtime.
+    Lines env() const {
+        const char* asan = getenv("ASAN_OPTIONS");
+        if (!spi)
+            return {};
+        return {std::string("LD_PRELOAD=") + MCU_VMCU_SPIDEV_PATH,
+                "VMCU_SPI_SOCKET=" + dir.file("spi.sock"),
+                "ASAN_OPTIONS=" + std::string(asan != nullptr ? asan : "") +
+                    ":verify_asan_link_order=0"};
+    }
+    Lines log(const std::string& prefix = "") const {  // its lines that start so, without it
+        Lines out;
+        for (const std::string& l : split(read_file(dir.file("vmcu.log")), '\n'))
+            if (l.rfind(prefix, 0) == 0)
+                out.push_back(l.substr(prefix.size()));
+        return out;
+    }
+};
 
 struct Case {
     std::string name, link;  // link: "tty", "spi" or "" (no device)
@@ -89,7 +291,7 @@ std::vector<Case> load_cases() {
     std::vector<std::pair<std::string, Lines>> variants;
     std::set<std::filesystem::path> files(std::filesystem::directory_iterator(MCU_CASES_DIR), {});
     for (const auto& f : files) {
-        std::istringstream in(harness::read_file(f));
+        std::istringstream in(read_file(f));
         Lines defaults;  // fields above the file's first case
         Lines* block = nullptr;
         bool piece = false;  // blank lines only end a piece
@@ -254,7 +456,7 @@ std::string unhex(const std::string& hex) {
 }
 
 useconds_t after(double s) {
-    return static_cast<useconds_t>((s + harness::tool_slack_s()) * 1e6);
+    return static_cast<useconds_t>((s + tool_slack_s()) * 1e6);
 }
 
 void run_case(const Case& c) {
@@ -263,13 +465,13 @@ void run_case(const Case& c) {
     };
     if (!field("emulator").empty() && std::string(MCU_EMULATOR) != "")
         GTEST_SKIP() << field("emulator");
-    harness::TempDir dir;
+    TempDir dir;
     std::unique_ptr<Vmcu> mcu;
     auto expand = [&](std::string s) {
         replace_all(&s, "$TMP", dir.path);
         replace_all(&s, "$TOOL", MCU_TOOL_PATH);
         replace_all(&s, "$CLOCK", MCU_FIXED_CLOCK_PATH);
-        replace_all(&s, "$DEV", mcu ? mcu->dev() : "");
+        replace_all(&s, "$DEV", mcu ? mcu->dev : "");
         return s;
     };
     auto transcript = [&](const std::string& section) {
@@ -283,9 +485,9 @@ void run_case(const Case& c) {
         Lines a = words(expand(args));
         for (std::string& w : a)  // "$S+N": N seconds after the tool's start-up
             if (w.rfind("$S+", 0) == 0)
-                w = std::to_string(std::stoi(w.substr(3)) + lround(harness::tool_slack_s()));
+                w = std::to_string(std::stoi(w.substr(3)) + lround(tool_slack_s()));
         if (mcu && args.find("$DEV") == std::string::npos)
-            a.insert(a.begin(), {"-id", "0xA", "-dev", mcu->dev()});
+            a.insert(a.begin(), {"-id", "0xA", "-dev", mcu->dev});
         return a;
     };
 
@@ -298,8 +500,8 @@ void run_case(const Case& c) {
     if (!field("gaps").empty())
         mcu_args.insert(mcu_args.end(), {"--baud", "100000000"});  // stamps its receive times
     if (!c.link.empty()) {
-        mcu.reset(new Vmcu(c.link == "spi" ? Vmcu::kSpi : Vmcu::kTty, mcu_args));
-        ASSERT_TRUE(mcu->ok());
+        mcu.reset(new Vmcu(dir, c.link == "spi", mcu_args));
+        ASSERT_TRUE(mcu->pid > 0 && !mcu->dev.empty());
     }
     for (const auto& [key, item] : c.field) {  // "NAME HEX", "NAME random N", "NAME dir"
         const Lines w = words(expand(item));
@@ -312,15 +514,16 @@ void run_case(const Case& c) {
         }
         for (unsigned i = 0, n = w.size() > 2 ? std::stoul(w[2]) : 0, seed = n; i < n; i++)
             bytes += static_cast<char>((seed = seed * 1103515245u + 12345u) >> 16);
-        dir.write(w[0], w.size() == 2 ? unhex(w[1]) : bytes);
+        std::ofstream(dir.file(w[0]), std::ios::binary) << (w.size() == 2 ? unhex(w[1]) : bytes);
     }
     Lines env = mcu ? mcu->env() : Lines();
     for (const std::string& e : words(expand(field("env"))))
         env.push_back(e);
-    harness::RunResult held;
+    RunResult held;
     std::thread holder, stopper;
     if (!field("holder").empty()) {
-        holder = std::thread([&] { held = harness::run_tool(command(field("holder")), env); });
+        holder =
+            std::thread([&] { held = run_tool(dir, "holder", command(field("holder")), env); });
         usleep(after(0.5));
     }
     if (!field("mcu-stop").empty())
@@ -330,9 +533,8 @@ void run_case(const Case& c) {
         });
     const Lines sig = words(field("signal"));
     const int signo = sig.empty() ? 0 : sig[0] == "INT" ? SIGINT : SIGTERM;
-    const harness::RunResult r =
-        harness::run_tool(command(field("args")), env, signo,
-                          signo ? std::stod(sig[1]) + harness::tool_slack_s() : 0);
+    const RunResult r = run_tool(dir, "tool", command(field("args")), env, signo,
+                                 signo ? std::stod(sig[1]) + tool_slack_s() : 0);
     for (std::thread* t : {&holder, &stopper})
         if (t->joinable())
             t->join();
@@ -340,8 +542,8 @@ void run_case(const Case& c) {
         mcu->stop();
 
     EXPECT_EQ(r.status, std::stoi(field("status").empty() ? "0" : field("status")));
-    EXPECT_EQ(harness::normalize(r.out), transcript("out"));
-    EXPECT_EQ(harness::normalize(r.err), transcript("err"));
+    EXPECT_EQ(normalize(r.out), transcript("out"));
+    EXPECT_EQ(normalize(r.err), transcript("err"));
     if (!sig.empty()) {  // all printed before the signal had reached the pipe
         EXPECT_EQ(r.out_at_signal,
                   r.out.substr(0, r.out.find("=============================\nFen")));
@@ -349,9 +551,9 @@ void run_case(const Case& c) {
     if (!field("secs").empty()) {
         Lines s = words(field("secs"));
         EXPECT_GE(r.seconds, std::stod(s[0]));
-        EXPECT_LE(r.seconds, std::stod(s[1]) + 2 * harness::tool_slack_s());
+        EXPECT_LE(r.seconds, std::stod(s[1]) + 2 * tool_slack_s());
     }
-    EXPECT_EQ(harness::normalize(held.out), transcript("holder-out"));
+    EXPECT_EQ(normalize(held.out), transcript("holder-out"));
     if (!mcu)
         return;
     if (c.section.count("frames"))
@@ -365,12 +567,12 @@ void run_case(const Case& c) {
     if (!field("gaps").empty())
         check_gaps(field("gaps"), *mcu);
     if (!field("raw").empty()) {  // every byte the MCU's line received
-        EXPECT_TRUE(harness::read_file(dir.file("raw")) == unhex(field("raw"))) << "raw bytes";
+        EXPECT_TRUE(read_file(dir.file("raw")) == unhex(field("raw"))) << "raw bytes";
     }
     if (!field("received").empty()) {
         const std::string want = field("received");
-        EXPECT_TRUE(harness::read_file(dir.file("received.bin")) ==
-                    (want == "none" ? "" : harness::read_file(dir.file(want))))
+        EXPECT_TRUE(read_file(dir.file("received.bin")) ==
+                    (want == "none" ? "" : read_file(dir.file(want))))
             << "the MCU does not hold " << want << " byte for byte";
     }
 }
