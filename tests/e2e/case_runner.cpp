@@ -25,6 +25,7 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <list>
 #include <map>
 #include <memory>
 #include <regex>
@@ -32,7 +33,7 @@
 #include <sstream>
 #include <thread>
 
-extern char** environ;
+#include "mcu_tool2.h"
 
 namespace {
 
@@ -54,38 +55,32 @@ Lines split(const std::string& text, char sep) {
 
 // Starts `program` with `args` after `cmd` (a wrapper), behind the cross
 // build's emulator when there is one (which then gets LD_PRELOAD for the
-// emulated program only), with standard output and error on `out` and `err`.
-pid_t spawn(Lines cmd, const std::string& program, const Lines& args, Lines env, int out, int err) {
-    for (const std::string& w : split(MCU_EMULATOR, '|'))
-        cmd.push_back(w);
-    for (auto it = env.begin(); std::string(MCU_EMULATOR) != "" && it != env.end();) {
+// emulated program only), with `env` ("NAME=value") in its environment and
+// standard output and error on `out` and `err`.
+pid_t spawn(const Lines& cmd, const std::string& program, const Lines& args, Lines env, int out,
+            int err) {
+    Lines emulator = split(MCU_EMULATOR, '|');
+    for (auto it = env.begin(); !emulator.empty() && it != env.end();) {
         if (it->rfind("LD_PRELOAD=", 0) == 0) {
-            cmd.insert(cmd.end(), {"-E", *it});
+            emulator.insert(emulator.end(), {"-E", *it});
             it = env.erase(it);
         } else {
             ++it;
         }
     }
-    cmd.push_back(program);
-    cmd.insert(cmd.end(), args.begin(), args.end());
-    auto name_of = [](const std::string& e) { return e.substr(0, e.find('=') + 1); };
-    for (char** e = environ; *e != nullptr; e++)
-        if (std::none_of(env.begin(), env.end(),
-                         [&](auto& s) { return name_of(s) == name_of(*e); }))
-            env.emplace_back(*e);
-    std::vector<char*> argv, envp;
-    for (std::string& a : cmd)
+    Lines all = {"env"};
+    for (const Lines& part : {env, cmd, emulator, {program}, args})
+        all.insert(all.end(), part.begin(), part.end());
+    std::vector<char*> argv;
+    for (std::string& a : all)
         argv.push_back(&a[0]);
-    for (std::string& e : env)
-        envp.push_back(&e[0]);
     argv.push_back(nullptr);
-    envp.push_back(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
         dup2(out, 1);
         dup2(err, 2);
         dup2(open("/dev/null", O_RDONLY), 0);
-        execvpe(argv[0], argv.data(), envp.data());
+        execvp(argv[0], argv.data());
         _exit(127);
     }
     return pid;
@@ -591,4 +586,84 @@ INSTANTIATE_TEST_SUITE_P(E2e, Cases, testing::ValuesIn(load_cases()),
                              return n;
                          });
 
+// No descriptor outlives the link: the library's public calls, in this
+// process, against the virtual MCU. The spidev emulation is preloaded into
+// this process (its children get it only where a case asks), so
+// /dev/spidev0.0 reaches the vmcu whose socket VMCU_SPI_SOCKET names.
+struct ChildrenWithoutPreload {
+    ChildrenWithoutPreload() {
+        unsetenv("LD_PRELOAD");
+        unsetenv("QEMU_SET_ENV");
+    }
+} children_without_preload;
+
+// What the descriptors of this process refer to.
+std::multiset<std::string> open_descriptors() {
+    std::multiset<std::string> fds;
+    std::error_code ec;
+    for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd", ec))
+        fds.insert(std::filesystem::read_symlink(fd.path(), ec).string());
+    return fds;
+}
+
+// Points the library (which keeps the path by pointer, so it lives as long as
+// the process) and the emulation at `mcu`.
+void use(const Vmcu& mcu) {
+    static std::list<std::string> paths;
+    setenv("VMCU_SPI_SOCKET", mcu.dir.file("spi.sock").c_str(), 1);
+    set_comp_id(0x0A);
+    set_serial_dev(paths.emplace_back(mcu.dev).c_str());
+}
+
+class Descriptors : public testing::TestWithParam<bool> {};
+
+TEST_P(Descriptors, EveryPublicCallClosesWhatItOpened) {
+    TempDir dir, faulty_dir;
+    const std::string image = dir.file("app.bin");
+    std::ofstream(image) << std::string(1000, '\x5a');
+    Vmcu mcu(dir, GetParam(), {"--emit", "heartbeat@100*3"});
+    use(mcu);
+    const auto before = open_descriptors();
+    ASSERT_EQ(mcu_init(), 0);
+    EXPECT_GT(open_descriptors().size(), before.size());
+    mcu_uninit();
+    mcu_uninit();  // a link already down closes nothing else
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(mcu_version(), 0);
+    EXPECT_EQ(mcu_serial(), 0);
+    EXPECT_EQ(mcu_reset(RESET_TYPE_DRYRUN), 0);
+    EXPECT_EQ(mcu_debug_clear_stts(), 0);
+    EXPECT_EQ(mcu_monitor_message(0xFF, 1), 0);
+    set_upgrade_type(UPGRADE_TYPE_FW_ONLY);
+    EXPECT_EQ(mcu_upgrade(image.c_str()), 0);
+    EXPECT_EQ(open_descriptors(), before);
+    // Failures: a refused CRC check, a failed SPI transfer (TTY: no answer),
+    // devices that cannot be set up, a vanished SPI peer or a closed pty.
+    Vmcu faulty(faulty_dir, GetParam(), {"--rule", "DC:nak", "--rule", "DB:xferfail*0"});
+    use(faulty);
+    const auto with_faulty = open_descriptors();
+    EXPECT_EQ(mcu_upgrade(image.c_str()), -1);
+    EXPECT_LT(mcu_version(), 0);
+    for (const char* path : {"/nonexistent/ttyS9", "/dev/null", "/tmp"}) {
+        set_serial_dev(path);
+        EXPECT_EQ(mcu_version(), -1) << path;
+    }
+    EXPECT_EQ(open_descriptors(), with_faulty);
+    faulty.stop();
+    use(faulty);
+    const auto stopped = open_descriptors();
+    EXPECT_EQ(mcu_version(), -1);
+    EXPECT_EQ(open_descriptors(), stopped);
+}
+
+INSTANTIATE_TEST_SUITE_P(Links, Descriptors, testing::Values(false, true),
+                         [](const testing::TestParamInfo<bool>& i) {
+                             return std::string(i.param ? "Spi" : "Tty");
+                         });
+
 }  // namespace
+
+// A sanitized build accepts the preloaded emulation before its runtime.
+extern "C" const char* __asan_default_options() {
+    return "verify_asan_link_order=0";
+}
