@@ -6,29 +6,19 @@
 // Properties: main returns 0, or -1 (status 255) for --get-timeretry; the
 // link never comes up; diagnostics stay bounded.
 #include <getopt.h>
-#include <string.h>
-
-#include <string>
-#include <vector>
 
 #include "fuzz_support.h"
 
 int mcu_tool2_main(int argc, char** argv);
 
-namespace {
-
-bool unsafe(const std::string& arg) {
+static bool unsafe(const std::string& arg) {
     size_t i = arg.find_first_not_of('-');
-    if (i == std::string::npos)
-        return false;
-    std::string name = arg.substr(i, arg.find('=', i) - i);
+    std::string name = i == std::string::npos ? "" : arg.substr(i, arg.find('=', i) - i);
     for (const char* g : {"id", "dev", "upgrade", "upgrade-fw", "calc-crc32"})
-        if (strncmp(g, name.c_str(), name.size()) == 0)
+        if (!name.empty() && strncmp(g, name.c_str(), name.size()) == 0)
             return true;
     return i == 1 && name.find('u') != std::string::npos;
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz_quiet_init();

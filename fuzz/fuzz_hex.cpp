@@ -4,10 +4,6 @@
 // the digits given (either case), or -1 and writes nothing past the buffer;
 // the CRC-16 action and the raw actions without a target take any string
 // without touching a device, with bounded diagnostics.
-#include <string.h>
-
-#include <string>
-#include <vector>
 
 #include "fuzz_support.h"
 

@@ -5,9 +5,6 @@
 // Properties: every accepted frame passes the enabled receive checks and
 // counts once; a finite TTY stream's parse ends; the heartbeat and debug
 // printers take any payload; diagnostics stay bounded.
-#include <fcntl.h>
-#include <string.h>
-#include <unistd.h>
 
 #include "fuzz_support.h"
 

@@ -4,7 +4,6 @@
 // Properties: the limit step leaves every field within its bounds and an
 // in-range field unchanged; programming over SPI that reports success has
 // delivered the image byte for byte, in order, each chunk once.
-#include <string.h>
 
 #include "fuzz_support.h"
 

@@ -45,20 +45,17 @@ double since(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-struct Outcome {
-    std::string text, why;  // the run, and what broke the rule (empty if nothing did)
-    bool success = false;
-    double seconds = 0;
-};
+std::mutex g_mu;
+unsigned g_successes, g_failures, g_breaks;
 
-// Draws run `index` of `seed` and runs it in `dir`.
-Outcome run(unsigned long long seed, unsigned index, const std::string& dir) {
+// Draws run `index` of `seed`, runs it in `dir` and reports it (only when it
+// breaks the rule with `quiet`).
+void run(unsigned long long seed, unsigned index, const std::string& dir, bool quiet) {
     std::mt19937_64 gen(seed * 0x9E3779B97F4A7C15ull + index);
     auto range = [&](unsigned lo, unsigned hi) {
         return std::uniform_int_distribution<unsigned>(lo, hi)(gen);
     };
     auto coin = [&](double p) { return std::uniform_real_distribution<>(0, 1)(gen) < p; };
-    Outcome o;
     const bool spi = coin(0.5), fw_only = coin(0.3);
     bool app_go_faulted = false;
     const double log_size = std::uniform_real_distribution<>(0, std::log(262145.0))(gen);
@@ -68,7 +65,7 @@ Outcome run(unsigned long long seed, unsigned index, const std::string& dir) {
 
     // Parameters: mostly within their bounds, sometimes outside, rarely a short payload.
     unsigned used[8], bytes = coin(0.03) ? 2 * range(0, 7) : 16;
-    std::string hex, text;
+    std::string hex, params;
     for (int f = 0; f < 8; f++) {
         unsigned v = f == kEraseS && coin(0.8) ? 20 : range(kLow[f], kHigh[f]);
         if (f == kPkSize && spi && coin(0.9))
@@ -78,7 +75,7 @@ Outcome run(unsigned long long seed, unsigned index, const std::string& dir) {
         used[f] = std::clamp(2u * f + 2 <= bytes ? v : 0u, kLow[f], kHigh[f]);
         for (int shift : {4, 0, 12, 8})  // little-endian
             hex += "0123456789ABCDEF"[v >> shift & 15];
-        text += (f ? "," : "") + std::to_string(v);
+        params += (f ? "," : "") + std::to_string(v);
     }
     std::string vmcu = " --timeretry '" + hex.substr(0, 2 * bytes) + "' --flash-size " +
                        std::to_string(coin(0.02) ? image.size() - 1 : 1u << 20);
@@ -127,16 +124,17 @@ Outcome run(unsigned long long seed, unsigned index, const std::string& dir) {
                 " --peer " + (spi ? "02" : "05") + " --emit-start " +
                 std::to_string(range(0, 2000));
     const double bound = 1.5 * worst + 10;
-    o.text = "run " + std::to_string(index) + " seed " + std::to_string(seed) + ": " +
-             (spi ? "spi " : "pty ") + (fw_only ? "--upgrade-fw, " : "--upgrade, ") +
-             std::to_string(image.size()) + " bytes, params " + text + ", bound " +
-             std::to_string(std::lround(bound)) + " s, vmcu" + vmcu;
+    const std::string text = "run " + std::to_string(index) + " seed " + std::to_string(seed) +
+                             ": " + (spi ? "spi " : "pty ") +
+                             (fw_only ? "--upgrade-fw, " : "--upgrade, ") +
+                             std::to_string(image.size()) + " bytes, params " + params +
+                             ", bound " + std::to_string(std::lround(bound)) + " s, vmcu" + vmcu;
 
     std::filesystem::remove_all(dir);
     std::filesystem::create_directories(dir);
     std::ofstream(dir + "/app.bin", std::ios::binary) << image;
     std::ofstream(dir + "/run.sh")
-        << "# " << o.text << "\ncd \"$(dirname \"$0\")\"\n"
+        << "# " << text << "\ncd \"$(dirname \"$0\")\"\n"
         << SOAK_VMCU_PATH " --log vmcu.log --image received.bin --exit-after "
         << std::lround(1000 * bound + 60000) << vmcu << (spi ? " --spi spi.sock" : " --pty")
         << " >vmcu.out 2>vmcu.err & vmcu=$!\n"
@@ -153,31 +151,38 @@ Outcome run(unsigned long long seed, unsigned index, const std::string& dir) {
         << "echo $? >status\nkill $vmcu\nwait $vmcu\n";
     const Clock::time_point start = Clock::now();
     const int sh = std::system(("sh '" + dir + "/run.sh'").c_str());
-    o.seconds = since(start);
+    const double seconds = since(start);
     const std::string log = slurp(dir + "/vmcu.log"), status = slurp(dir + "/status");
-    o.success = slurp(dir + "/tool.out").find("upgrade app.bin successfully\n") != log.npos;
+    const bool success =
+        slurp(dir + "/tool.out").find("upgrade app.bin successfully\n") != log.npos;
     const size_t crc_ok = log.rfind("\nCRC ok"), app_go = log.rfind("\nAPP_GO ");
     const bool started = app_go != log.npos && crc_ok != log.npos && crc_ok < app_go &&
                          slurp(dir + "/received.bin") == image;
-    std::string& why = o.why;  // a sanitizer report ends the tool with a non-zero status too
+    std::string why;  // a sanitizer report ends the tool with a non-zero status too
     if (sh == -1 || status != "0\n")
         why = status == "137\n" ? "still running at the bound"
                                 : "status " + status.substr(0, status.size() - 1);
-    else if (o.success != started && (o.success || !app_go_faulted))
-        why = o.success ? "success reported, but the MCU did not verify and start the image"
-                        : "the MCU verified and started the image, but the tool reports failure";
+    else if (success != started && (success || !app_go_faulted))
+        why = success ? "success reported, but the MCU did not verify and start the image"
+                      : "the MCU verified and started the image, but the tool reports failure";
     else if (log.find("\nCRC bad") != log.npos)
         why = "the MCU's CRC check failed: the tool sent something other than the file";
     if (why.empty())
         std::filesystem::remove_all(dir);
-    return o;
+    std::lock_guard<std::mutex> lock(g_mu);
+    (success ? g_successes : g_failures)++;
+    g_breaks += !why.empty();
+    if (!quiet || !why.empty())
+        printf("%s -> %s in %.1f s%s\n", text.c_str(), success ? "success" : "failure", seconds,
+               why.empty() ? "" : ("; BROKE THE RULE (" + dir + "): " + why).c_str());
+    fflush(stdout);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     unsigned long long seed = std::random_device()();
-    unsigned runs = 0, jobs = 4, successes = 0, failures = 0, breaks = 0;
+    unsigned runs = 0, jobs = 4;
     std::string keep = "soak-breaks";
     bool quiet = false, bad = false;
     for (int i = 1; i < argc; i++) {
@@ -197,31 +202,19 @@ int main(int argc, char** argv) {
         return printf("usage: soak RUNS [--seed S] [--jobs J] [--keep DIR] [--quiet]\n"), 2;
     printf("soak: seed %llu, %u runs, %u jobs\n", seed, runs, jobs);
     fflush(stdout);
-    std::mutex mu;
     std::atomic<unsigned> next{0};
     const Clock::time_point start = Clock::now();
     std::vector<std::thread> workers;
     for (unsigned j = 0; j < jobs; j++)
         workers.emplace_back([&] {
-            for (unsigned i; (i = next++) < runs;) {
-                const std::string dir = keep + "/run-" + std::to_string(i);
-                const Outcome o = run(seed, i, dir);
-                std::lock_guard<std::mutex> lock(mu);
-                (o.success ? successes : failures)++;
-                breaks += !o.why.empty();
-                if (!quiet || !o.why.empty())
-                    printf(
-                        "%s -> %s in %.1f s%s\n", o.text.c_str(), o.success ? "success" : "failure",
-                        o.seconds,
-                        o.why.empty() ? "" : ("; BROKE THE RULE (" + dir + "): " + o.why).c_str());
-                fflush(stdout);
-            }
+            for (unsigned i; (i = next++) < runs;)
+                run(seed, i, keep + "/run-" + std::to_string(i), quiet);
         });
     for (std::thread& w : workers)
         w.join();
     std::error_code no_breaks;
     std::filesystem::remove(keep, no_breaks);  // only if empty
     printf("soak: runs %u, successes %u, failures %u, rule breaks %u; wall %.1f s, seed %llu\n",
-           successes + failures, successes, failures, breaks, since(start), seed);
-    return breaks > 0 ? 1 : 0;
+           g_successes + g_failures, g_successes, g_failures, g_breaks, since(start), seed);
+    return g_breaks > 0 ? 1 : 0;
 }

@@ -2,7 +2,6 @@
 // SPI transfers reach a fake MCU that answers each request in the next
 // transfer with a result code the fuzz input chose (or not at all), and
 // keeps the firmware chunks it took, in order, once each.
-#include <string.h>
 
 #include "fuzz_support.h"
 

@@ -6,6 +6,11 @@
 #ifndef MCU_FUZZ_SUPPORT_H
 #define MCU_FUZZ_SUPPORT_H
 
+#include <fcntl.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <string>
 #include <vector>
 
 #include "mcu_tool2_internal.h"

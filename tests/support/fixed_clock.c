@@ -1,6 +1,5 @@
 /* Test-only LD_PRELOAD library: a wall clock frozen at MCU_FIXED_TIME
- * ("seconds.microseconds"), so the clock action can be checked at a known
- * instant. Without the variable the clock reads as the epoch. */
+ * ("seconds.microseconds", else the epoch) for the clock action. */
 #include <stdlib.h>
 #include <sys/time.h>
 
