@@ -143,7 +143,7 @@ RunResult run_tool(const TempDir& dir, const std::string& name, const Lines& arg
     RunResult r;
     const char* wrapper = getenv("MCU_TOOL_WRAPPER");
     Lines cmd = split(wrapper != nullptr ? wrapper : "", ' ');
-    cmd.insert(cmd.begin(), {"timeout", "-s", "KILL", "120"});  // relays the signal
+    cmd.insert(cmd.begin(), {"timeout", "--foreground", "-s", "KILL", "120"});  // relays signals
     const int out = open(dir.file(name + ".out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     const int err = open(dir.file(name + ".err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     const double start = now_s();
@@ -166,8 +166,8 @@ RunResult run_tool(const TempDir& dir, const std::string& name, const Lines& arg
     std::string report;
     for (std::sregex_iterator it(r.err.begin(), r.err.end(), report_line), end; it != end; ++it)
         report += it->str();
-    if (cmd.size() > 4 && (!report.empty() || r.status == 99))
-        ADD_FAILURE() << "report from " << cmd[4] << " (status " << r.status << "):\n" << report;
+    if (cmd.size() > 5 && (!report.empty() || r.status == 99))
+        ADD_FAILURE() << "report from " << cmd[5] << " (status " << r.status << "):\n" << report;
     r.err = std::regex_replace(r.err, report_line, "");
     if (r.err.find("Sanitizer") != std::string::npos || r.err.find("runtime error:") != r.err.npos)
         ADD_FAILURE() << "sanitizer report from the tool:\n" << r.err;
