@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 [ $# -ge 2 ] || { echo "usage: $0 TARGET|all SECONDS [BUILD_DIR]" >&2; exit 2; }
-build=${3:-build-fuzz} targets=$1
+build=$(realpath -m "${3:-build-fuzz}") targets=$1
 [ "$1" = all ] && targets="fuzz_parser fuzz_hex fuzz_cmdline fuzz_upgrade"
 [ -f "$build/CMakeCache.txt" ] ||
     CC=clang CXX=clang++ cmake -S . -B "$build" -DMCU_FUZZ=ON -DMCU_BUILD_TESTS=OFF >/dev/null
@@ -14,7 +14,7 @@ build=${3:-build-fuzz} targets=$1
 cmake --build "$build" -j"$(nproc)" --target $targets >/dev/null
 for t in $targets; do
     mkdir -p "$build/campaign/$t/corpus" && cp -n fuzz/corpus/"$t"/* "$build/campaign/$t/corpus/" || true
-    (cd "$build/campaign/$t" && "$OLDPWD/$build/fuzz/$t" -max_total_time="$2" -timeout=25 \
+    (cd "$build/campaign/$t" && "$build/fuzz/$t" -max_total_time="$2" -timeout=25 \
         -max_len=70000 -print_final_stats=1 corpus >log.txt 2>&1) &
     while [ "$(jobs -rp | wc -l)" -ge "$(nproc)" ]; do wait -n; done
 done
