@@ -138,7 +138,8 @@ void run(unsigned long long seed, unsigned index, const std::string& dir, bool q
         << SOAK_VMCU_PATH " --log vmcu.log --image received.bin --exit-after "
         << std::lround(1000 * bound + 60000) << vmcu << (spi ? " --spi spi.sock" : " --pty")
         << " >vmcu.out 2>vmcu.err & vmcu=$!\n"
-        << "up() { [ \"$(wc -l <vmcu.out)\" -gt 0 ]; }\n"  // its first line names the device
+        // The vmcu's first line names the device.
+        << "up() { [ \"$(cat vmcu.out 2>/dev/null | wc -l)\" -gt 0 ]; }\n"
         << "for i in $(seq 1000); do up && break; sleep 0.01; done\n"
         << "up || { echo no vmcu >status; kill $vmcu; exit; }\n"
         << (spi ? "export LD_PRELOAD=" SOAK_SHIM_PATH
