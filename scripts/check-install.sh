@@ -36,8 +36,9 @@ fail() {
 }
 ok() { echo "check-install: ok: $*"; }
 
-# Starts the installed vmcu with the given options; sets vpid and prints the
-# line it announces itself with ("pty: /dev/pts/N" or "spi: SOCKET").
+# Starts the installed vmcu with the given options; sets vpid, and pty to its
+# pseudo-terminal when it has one. Call it in this shell, never in a command
+# substitution: there vpid would be lost and the vmcu left running.
 start_vmcu() {
     rm -f "$tmp/vmcu.out"
     "$stage/bin/vmcu" "$@" >"$tmp/vmcu.out" 2>&1 &
@@ -46,7 +47,8 @@ start_vmcu() {
         grep -qs '^\(pty\|spi\): ' "$tmp/vmcu.out" && break
         sleep 0.05
     done
-    grep '^\(pty\|spi\): ' "$tmp/vmcu.out" || fail "vmcu did not start: $(cat "$tmp/vmcu.out")"
+    grep -q '^\(pty\|spi\): ' "$tmp/vmcu.out" || fail "vmcu did not start: $(cat "$tmp/vmcu.out")"
+    pty=$(sed -n 's/^pty: //p' "$tmp/vmcu.out")
 }
 stop_vmcu() {
     kill "$vpid" 2>/dev/null || true
@@ -125,7 +127,7 @@ ok "find_package(mcu_tool2) found $found"
 
 # A version the build tree's defaults do not have: record 0 is 9.3.1.42.
 versions=2A0103090807060504030201100F0E0D
-pty=$(start_vmcu --pty --versions "$versions" | sed 's/^pty: //')
+start_vmcu --pty --versions "$versions"
 "$tmp/softver/softver" 0xA "$pty" >"$tmp/softver.out" 2>"$tmp/softver.err" ||
     fail "softver 0xA $pty: $(cat "$tmp/softver.out" "$tmp/softver.err")"
 grep -qx 'Software: V9.3.1.42' "$tmp/softver.out" || fail "softver printed: $(cat "$tmp/softver.out")"
@@ -163,7 +165,7 @@ stop_vmcu
 
 echo "== installed tool over SPI with the installed emulation library"
 sock=$tmp/spi.sock
-start_vmcu --spi "$sock" --versions "$versions" >/dev/null
+start_vmcu --spi "$sock" --versions "$versions"
 out=$(LD_PRELOAD=$stage/lib/mcu_tool2/libvmcu_spidev.so VMCU_SPI_SOCKET=$sock \
     "$stage/bin/mcu_tool2" -id 0xA -dev /dev/spidev0.0 -speed 7800000 --version)
 grep -qx 'Software: V9.3.1.42' <<<"$out" || fail "SPI version query printed: $out"
