@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Runs every action of mcu_tool2 against the virtual MCU and writes the
-# transcripts into README.md, between the lines
+# transcripts into docs/transcripts.md, between the lines
 #   <!-- transcripts:begin -->  and  <!-- transcripts:end -->
-#   scripts/readme-transcripts.sh           rewrite the README's transcripts
-#   scripts/readme-transcripts.sh --check   fail when they differ from what the
-#                                           program prints today
+#   scripts/transcripts.sh           rewrite the transcripts
+#   scripts/transcripts.sh --check   fail when they differ from what the
+#                                    program prints today
 # What varies from run to run is normalised: the vmcu's pseudo-terminal is
 # shown as /dev/ttyVMCU, the build stamp as "Build <date> <time>", source
 # line numbers in diagnostics as "#", elapsed times as "#.###" and trace time
@@ -94,7 +94,7 @@ hidden_env=()
 
 # transcript TITLE VMCU_OPTIONS COMMAND
 #   VMCU_OPTIONS: "-" for no virtual MCU, else its options (word-split).
-#   COMMAND: as shown in the README; /dev/ttyVMCU stands for the vmcu's pty
+#   COMMAND: as shown in the document; /dev/ttyVMCU stands for the vmcu's pty
 #   /tmp/vmcu.sock for its SPI socket and $shown_shim for the spidev
 #   emulation library.
 transcript() {
@@ -114,13 +114,13 @@ transcript() {
     ) || true
     stop_vmcu
     {
-        printf '#### %s\n\n```text\n$ %s\n' "$title" "$cmd"
+        printf '### %s\n\n```text\n$ %s\n' "$title" "$cmd"
         printf '%s\n' "$text" | normalise
         printf '```\n\n'
     } >>"$out"
 }
 
-# --- the transcripts, in the order of the README --------------------------
+# --- the transcripts, in the order of the document ------------------------
 
 transcript "Version line (no arguments)" - "mcu_tool2"
 transcript "Help" - "mcu_tool2 --help"
@@ -173,30 +173,30 @@ transcript "Clock (styles 0, 1, 2)" - \
     "mcu_tool2 --date 0; mcu_tool2 --date 1; mcu_tool2 --date 2"
 hidden_env=()
 
-# --- README --------------------------------------------------------------
+# --- the document --------------------------------------------------------
 
-readme=$root/README.md
+doc=$root/docs/transcripts.md
 begin='<!-- transcripts:begin -->'
 end='<!-- transcripts:end -->'
-if ! grep -qx "$begin" "$readme" || ! grep -qx "$end" "$readme"; then
-    echo "README.md lacks the lines $begin and $end" >&2
+if ! grep -qx "$begin" "$doc" || ! grep -qx "$end" "$doc"; then
+    echo "docs/transcripts.md lacks the lines $begin and $end" >&2
     exit 1
 fi
-new=$tmp/README.md
+new=$tmp/doc.md
 awk -v begin="$begin" -v end="$end" -v body="$out" '
     $0 == begin { print; print ""; while ((getline line < body) > 0) print line; skip = 1; next }
     $0 == end { skip = 0 }
     !skip { print }
-' "$readme" >"$new"
+' "$doc" >"$new"
 
 if [ "$mode" = check ]; then
-    if ! diff -u "$readme" "$new"; then
-        echo "README.md transcripts differ from what mcu_tool2 prints today;" \
-            "run scripts/readme-transcripts.sh" >&2
+    if ! diff -u "$doc" "$new"; then
+        echo "docs/transcripts.md differs from what mcu_tool2 prints today;" \
+            "run scripts/transcripts.sh" >&2
         exit 1
     fi
-    echo "README.md transcripts are current"
+    echo "docs/transcripts.md is current"
 else
-    cp "$new" "$readme"
-    echo "README.md transcripts written"
+    cp "$new" "$doc"
+    echo "docs/transcripts.md written"
 fi
