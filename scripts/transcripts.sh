@@ -141,13 +141,16 @@ transcript "Upgrade parameters from a target that does not answer (exit status 2
     "mcu_tool2 -id 0xA -dev /dev/ttyVMCU --get-timeretry; echo \"exit status \$?\""
 transcript "Raw message (message id 0xD0, payload 01)" "--pty" \
     "mcu_tool2 -id 0xA -dev /dev/ttyVMCU --sendraw D001"
+# Unsolicited frames start 0.8 s after the vmcu: late enough for a tool
+# started on a loaded machine to have opened the pty (what comes before is
+# flushed), early enough to fall within its 2-second monitor.
 transcript "Raw message, then monitor for 2 seconds" \
-    "--pty --emit-start 200 --emit user=hello@500*2" \
+    "--pty --emit-start 800 --emit user=hello@500*2" \
     "mcu_tool2 -id 0xA -dev /dev/ttyVMCU --sendraw D001 --monitor ff --timeout 2"
 transcript "Raw frame (header checksum and CRC filled in by the tool)" "--pty" \
     "mcu_tool2 -id 0xA -dev /dev/ttyVMCU --writeraw FD0100010A02D00001"
 transcript "Monitor every message for 2 seconds" \
-    "--pty --emit-start 200 --emit heartbeat@700*2 --emit syslog@900*1" \
+    "--pty --emit-start 800 --emit heartbeat@700*2 --emit syslog@900*1" \
     "mcu_tool2 -id 0xA -dev /dev/ttyVMCU --monitor ff --timeout 2"
 transcript "Link counters of the target" "--pty" "mcu_tool2 -id 0xA -dev /dev/ttyVMCU --get-stts"
 transcript "Clear the target's link counters" "--pty" \
