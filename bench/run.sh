@@ -20,6 +20,7 @@ dir=
 [ "${1:-}" = --workdir ] && dir=$2 && mkdir -p "$dir"
 dir=${dir:-$(mktemp -d /tmp/mcu_bench.XXXXXX)}
 : >"$dir/times"
+: >"$dir/upgrades"
 
 cpu=$(sed -n '/^model name/{s/^[^:]*: //p;q}' /proc/cpuinfo)
 echo "machine: nproc $(nproc), CPU ${cpu:-?}, kernel $(uname -srm)"
@@ -27,29 +28,16 @@ echo "machine: nproc $(nproc), CPU ${cpu:-?}, kernel $(uname -srm)"
 echo "load average at start: $(cat /proc/loadavg)"
 echo "work files: $dir"
 
-vpid=
-stop_vmcu() {
-    [ -n "$vpid" ] || return 0
-    kill "$vpid"
-    wait "$vpid" || true
-    vpid=
-}
-trap stop_vmcu EXIT
+# shellcheck source=scripts/vmcu.sh
+. scripts/vmcu.sh
+trap vmcu_stop EXIT
 # start_vmcu TAG OPTIONS...: a vmcu on a fresh pseudo-terminal ($pty) logging
 # to vmcu-TAG.log.
 start_vmcu() {
     local tag=$1
     shift
-    "$build/sim/vmcu" --pty --exit-after 0 --log "$dir/vmcu-$tag.log" "$@" \
-        >"$dir/vmcu-$tag.out" 2>&1 &
-    vpid=$!
-    for _ in $(seq 200); do
-        pty=$(sed -n 's/^pty: //p' "$dir/vmcu-$tag.out")
-        [ -z "$pty" ] || return 0
-        sleep 0.02
-    done
-    echo "bench: vmcu did not report its pty" >&2
-    exit 1
+    vmcu_start "$dir/vmcu-$tag.out" "$build/sim/vmcu" --pty --exit-after 0 \
+        --log "$dir/vmcu-$tag.log" "$@"
 }
 # timed NAME COMMAND...: runs COMMAND, its output in tool-NAME.out, and
 # appends "NAME wall user sys" (seconds, the command's own processor time) to
@@ -66,7 +54,7 @@ LC_ALL=C awk 'BEGIN { srand(1); for (i = 0; i < 262144; i++) printf "%c", int(ra
 for baud in 115200 921600; do
     start_vmcu "upgrade-$baud" --baud "$baud" --image "$dir/received-$baud.bin"
     timed "upgrade-$baud" "$tool" -id 0xA -dev "$pty" -speed "$baud" --upgrade "$dir/image.bin"
-    stop_vmcu
+    vmcu_stop
     out=$dir/tool-upgrade-$baud.out ok=NO
     grep -q successfully "$out" && ! grep -q TIMEOUT "$out" &&
         cmp -s "$dir/image.bin" "$dir/received-$baud.bin" && ok=yes
@@ -120,7 +108,7 @@ awk -v floor="$floor" '
 
 start_vmcu monitor
 timed monitor "$tool" -id 0xA -dev "$pty" --monitor ff --timeout 10
-stop_vmcu
+vmcu_stop
 awk '
     BEGIN {
         printf "\n2. Processor time of the tool (user + system)\n"
@@ -143,7 +131,7 @@ if ! command -v strace >/dev/null; then
 fi
 start_vmcu version
 strace -f -o "$dir/version.strace" "$tool" -id 0xA -dev "$pty" --version >"$dir/tool-version.out" 2>&1
-stop_vmcu
+vmcu_stop
 grep -q "Software: V" "$dir/tool-version.out" || echo "  WARNING: the version query did not answer"
 awk -v pty="$pty" -v trace="$dir/version.strace" '
     BEGIN {

@@ -34,15 +34,9 @@ clock=$root/$build/tests/libfixed_clock.so
 shown_shim=/usr/local/lib/mcu_tool2/libvmcu_spidev.so
 
 tmp=$(mktemp -d)
-vpid=
-cleanup() {
-    if [ -n "$vpid" ]; then
-        kill "$vpid" 2>/dev/null || true
-        wait "$vpid" 2>/dev/null || true
-    fi
-    rm -rf "$tmp"
-}
-trap cleanup EXIT
+# shellcheck source=scripts/vmcu.sh
+. scripts/vmcu.sh
+trap 'vmcu_stop; rm -rf "$tmp"' EXIT
 
 # The commands run in $tmp with mcu_tool2 found on the PATH, as an operator
 # types them.
@@ -53,28 +47,6 @@ cd "$tmp/work"
 # A 2000-byte firmware image and a small file for the CRC-32.
 awk 'BEGIN { for (i = 0; i < 2000; i++) printf "%c", 65 + i % 26 }' >app.bin
 printf '1234' >digits.txt
-
-pty=
-start_vmcu() {
-    rm -f "$tmp/vmcu.out"
-    "$vmcu" "$@" >"$tmp/vmcu.out" 2>&1 &
-    vpid=$!
-    for _ in $(seq 200); do
-        grep -qs '^\(pty\|spi\): ' "$tmp/vmcu.out" && break
-        sleep 0.05
-    done
-    pty=$(sed -n 's/^pty: //p' "$tmp/vmcu.out")
-    grep -q '^\(pty\|spi\): ' "$tmp/vmcu.out" || {
-        echo "vmcu did not start: $(cat "$tmp/vmcu.out")" >&2
-        exit 1
-    }
-}
-stop_vmcu() {
-    [ -n "$vpid" ] || return 0
-    kill "$vpid" 2>/dev/null || true
-    wait "$vpid" 2>/dev/null || true
-    vpid=
-}
 
 normalise() {
     local sed_pty=(-e 's#@@@##')
@@ -102,7 +74,7 @@ transcript() {
     pty=
     if [ "$vopts" != - ]; then
         # shellcheck disable=SC2086
-        start_vmcu $vopts
+        vmcu_start "$tmp/vmcu.out" "$vmcu" $vopts
     fi
     local run=${cmd//\/dev\/ttyVMCU/$pty}
     run=${run//$shown_shim/$shim}
@@ -112,7 +84,7 @@ transcript() {
         for e in "${hidden_env[@]}"; do export "${e?}"; done
         eval "$run" 2>&1 </dev/null
     ) || true
-    stop_vmcu
+    vmcu_stop
     {
         printf '### %s\n\n```text\n$ %s\n' "$title" "$cmd"
         printf '%s\n' "$text" | normalise
