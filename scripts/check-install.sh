@@ -20,39 +20,15 @@ build=${BUILD_DIR:-build-install}
 
 tmp=$(mktemp -d)
 stage=$tmp/stage
-vpid=
-cleanup() {
-    if [ -n "$vpid" ]; then
-        kill "$vpid" 2>/dev/null || true
-        wait "$vpid" 2>/dev/null || true
-    fi
-    rm -rf "$tmp"
-}
-trap cleanup EXIT
+# shellcheck source=scripts/vmcu.sh
+. scripts/vmcu.sh
+trap 'vmcu_stop; rm -rf "$tmp"' EXIT
 
 fail() {
     echo "check-install: FAIL: $*" >&2
     exit 1
 }
 ok() { echo "check-install: ok: $*"; }
-
-# Starts the installed vmcu with the given options; sets vpid and prints the
-# line it announces itself with ("pty: /dev/pts/N" or "spi: SOCKET").
-start_vmcu() {
-    rm -f "$tmp/vmcu.out"
-    "$stage/bin/vmcu" "$@" >"$tmp/vmcu.out" 2>&1 &
-    vpid=$!
-    for _ in $(seq 100); do
-        grep -qs '^\(pty\|spi\): ' "$tmp/vmcu.out" && break
-        sleep 0.05
-    done
-    grep '^\(pty\|spi\): ' "$tmp/vmcu.out" || fail "vmcu did not start: $(cat "$tmp/vmcu.out")"
-}
-stop_vmcu() {
-    kill "$vpid" 2>/dev/null || true
-    wait "$vpid" 2>/dev/null || true
-    vpid=
-}
 
 # shellcheck source=scripts/deps.sh
 . scripts/deps.sh
@@ -125,7 +101,7 @@ ok "find_package(mcu_tool2) found $found"
 
 # A version the build tree's defaults do not have: record 0 is 9.3.1.42.
 versions=2A0103090807060504030201100F0E0D
-pty=$(start_vmcu --pty --versions "$versions" | sed 's/^pty: //')
+vmcu_start "$tmp/vmcu.out" "$stage/bin/vmcu" --pty --versions "$versions"
 "$tmp/softver/softver" 0xA "$pty" >"$tmp/softver.out" 2>"$tmp/softver.err" ||
     fail "softver 0xA $pty: $(cat "$tmp/softver.out" "$tmp/softver.err")"
 grep -qx 'Software: V9.3.1.42' "$tmp/softver.out" || fail "softver printed: $(cat "$tmp/softver.out")"
@@ -159,15 +135,15 @@ fi
 grep -q "^softver: mcu_tool2: mcu_open [0-9]*, open $tmp/no-such-tty fail" "$tmp/softver.err" ||
     fail "diagnostics not routed: $(cat "$tmp/softver.err")"
 ok "diagnostics routed by set_print_fxn: $(head -n 1 "$tmp/softver.err")"
-stop_vmcu
+vmcu_stop
 
 echo "== installed tool over SPI with the installed emulation library"
 sock=$tmp/spi.sock
-start_vmcu --spi "$sock" --versions "$versions" >/dev/null
+vmcu_start "$tmp/vmcu.out" "$stage/bin/vmcu" --spi "$sock" --versions "$versions"
 out=$(LD_PRELOAD=$stage/lib/mcu_tool2/libvmcu_spidev.so VMCU_SPI_SOCKET=$sock \
     "$stage/bin/mcu_tool2" -id 0xA -dev /dev/spidev0.0 -speed 7800000 --version)
 grep -qx 'Software: V9.3.1.42' <<<"$out" || fail "SPI version query printed: $out"
-stop_vmcu
+vmcu_stop
 ok "mcu_tool2 -id 0xA -dev /dev/spidev0.0 --version: Software: V9.3.1.42"
 
 echo "check-install: all checks passed"

@@ -14,21 +14,12 @@ cmake -S . -B build >/dev/null
 cmake --build build -j"$(nproc 2>/dev/null || echo 2)" --target mcu_tool2 vmcu >/dev/null
 
 tmp=$(mktemp -d)
-vpid=
-cleanup() {
-    [ -n "$vpid" ] && kill "$vpid" 2>/dev/null && wait "$vpid" 2>/dev/null
-    rm -rf "$tmp"
-}
-trap cleanup EXIT
+# shellcheck source=scripts/vmcu.sh
+. scripts/vmcu.sh
+trap 'vmcu_stop; rm -rf "$tmp"' EXIT
 
 head -c 20000 /dev/urandom >"$tmp/app.bin"
-./build/sim/vmcu --pty --image "$tmp/received.bin" --log "$tmp/vmcu.log" >"$tmp/vmcu.out" &
-vpid=$!
-for _ in $(seq 100); do
-    grep -q '^pty: ' "$tmp/vmcu.out" && break
-    sleep 0.05
-done
-pty=$(sed -n 's/^pty: //p' "$tmp/vmcu.out")
+vmcu_start "$tmp/vmcu.out" ./build/sim/vmcu --pty --image "$tmp/received.bin" --log "$tmp/vmcu.log"
 
 set -x
 ./build/src/upgrade/mcu_tool2 -id 0xA -dev "$pty" --version

@@ -61,6 +61,6 @@ step "Android API-21 interfaces"
 bash scripts/api21-check.sh
 step "install, example, README transcripts, packages"
 bash scripts/check-install.sh
-BUILD_DIR=build bash scripts/readme-transcripts.sh --check
+BUILD_DIR=build bash scripts/transcripts.sh --check
 bash scripts/package.sh
 step "all done"

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Runs every action of mcu_tool2 against the virtual MCU and writes the
-# transcripts into README.md, between the lines
+# transcripts into docs/transcripts.md, between the lines
 #   <!-- transcripts:begin -->  and  <!-- transcripts:end -->
-#   scripts/readme-transcripts.sh           rewrite the README's transcripts
-#   scripts/readme-transcripts.sh --check   fail when they differ from what the
-#                                           program prints today
+#   scripts/transcripts.sh           rewrite the transcripts
+#   scripts/transcripts.sh --check   fail when they differ from what the
+#                                    program prints today
 # What varies from run to run is normalised: the vmcu's pseudo-terminal is
 # shown as /dev/ttyVMCU, the build stamp as "Build <date> <time>", source
 # line numbers in diagnostics as "#", elapsed times as "#.###" and trace time
@@ -34,15 +34,9 @@ clock=$root/$build/tests/libfixed_clock.so
 shown_shim=/usr/local/lib/mcu_tool2/libvmcu_spidev.so
 
 tmp=$(mktemp -d)
-vpid=
-cleanup() {
-    if [ -n "$vpid" ]; then
-        kill "$vpid" 2>/dev/null || true
-        wait "$vpid" 2>/dev/null || true
-    fi
-    rm -rf "$tmp"
-}
-trap cleanup EXIT
+# shellcheck source=scripts/vmcu.sh
+. scripts/vmcu.sh
+trap 'vmcu_stop; rm -rf "$tmp"' EXIT
 
 # The commands run in $tmp with mcu_tool2 found on the PATH, as an operator
 # types them.
@@ -53,28 +47,6 @@ cd "$tmp/work"
 # A 2000-byte firmware image and a small file for the CRC-32.
 awk 'BEGIN { for (i = 0; i < 2000; i++) printf "%c", 65 + i % 26 }' >app.bin
 printf '1234' >digits.txt
-
-pty=
-start_vmcu() {
-    rm -f "$tmp/vmcu.out"
-    "$vmcu" "$@" >"$tmp/vmcu.out" 2>&1 &
-    vpid=$!
-    for _ in $(seq 200); do
-        grep -qs '^\(pty\|spi\): ' "$tmp/vmcu.out" && break
-        sleep 0.05
-    done
-    pty=$(sed -n 's/^pty: //p' "$tmp/vmcu.out")
-    grep -q '^\(pty\|spi\): ' "$tmp/vmcu.out" || {
-        echo "vmcu did not start: $(cat "$tmp/vmcu.out")" >&2
-        exit 1
-    }
-}
-stop_vmcu() {
-    [ -n "$vpid" ] || return 0
-    kill "$vpid" 2>/dev/null || true
-    wait "$vpid" 2>/dev/null || true
-    vpid=
-}
 
 normalise() {
     local sed_pty=(-e 's#@@@##')
@@ -94,7 +66,7 @@ hidden_env=()
 
 # transcript TITLE VMCU_OPTIONS COMMAND
 #   VMCU_OPTIONS: "-" for no virtual MCU, else its options (word-split).
-#   COMMAND: as shown in the README; /dev/ttyVMCU stands for the vmcu's pty
+#   COMMAND: as shown in the document; /dev/ttyVMCU stands for the vmcu's pty
 #   /tmp/vmcu.sock for its SPI socket and $shown_shim for the spidev
 #   emulation library.
 transcript() {
@@ -102,7 +74,7 @@ transcript() {
     pty=
     if [ "$vopts" != - ]; then
         # shellcheck disable=SC2086
-        start_vmcu $vopts
+        vmcu_start "$tmp/vmcu.out" "$vmcu" $vopts
     fi
     local run=${cmd//\/dev\/ttyVMCU/$pty}
     run=${run//$shown_shim/$shim}
@@ -112,15 +84,15 @@ transcript() {
         for e in "${hidden_env[@]}"; do export "${e?}"; done
         eval "$run" 2>&1 </dev/null
     ) || true
-    stop_vmcu
+    vmcu_stop
     {
-        printf '#### %s\n\n```text\n$ %s\n' "$title" "$cmd"
+        printf '### %s\n\n```text\n$ %s\n' "$title" "$cmd"
         printf '%s\n' "$text" | normalise
         printf '```\n\n'
     } >>"$out"
 }
 
-# --- the transcripts, in the order of the README --------------------------
+# --- the transcripts, in the order of the document ------------------------
 
 transcript "Version line (no arguments)" - "mcu_tool2"
 transcript "Help" - "mcu_tool2 --help"
@@ -141,13 +113,16 @@ transcript "Upgrade parameters from a target that does not answer (exit status 2
     "mcu_tool2 -id 0xA -dev /dev/ttyVMCU --get-timeretry; echo \"exit status \$?\""
 transcript "Raw message (message id 0xD0, payload 01)" "--pty" \
     "mcu_tool2 -id 0xA -dev /dev/ttyVMCU --sendraw D001"
+# Unsolicited frames start 0.8 s after the vmcu: late enough for a tool
+# started on a loaded machine to have opened the pty (what comes before is
+# flushed), early enough to fall within its 2-second monitor.
 transcript "Raw message, then monitor for 2 seconds" \
-    "--pty --emit-start 200 --emit user=hello@500*2" \
+    "--pty --emit-start 800 --emit user=hello@500*2" \
     "mcu_tool2 -id 0xA -dev /dev/ttyVMCU --sendraw D001 --monitor ff --timeout 2"
 transcript "Raw frame (header checksum and CRC filled in by the tool)" "--pty" \
     "mcu_tool2 -id 0xA -dev /dev/ttyVMCU --writeraw FD0100010A02D00001"
 transcript "Monitor every message for 2 seconds" \
-    "--pty --emit-start 200 --emit heartbeat@700*2 --emit syslog@900*1" \
+    "--pty --emit-start 800 --emit heartbeat@700*2 --emit syslog@900*1" \
     "mcu_tool2 -id 0xA -dev /dev/ttyVMCU --monitor ff --timeout 2"
 transcript "Link counters of the target" "--pty" "mcu_tool2 -id 0xA -dev /dev/ttyVMCU --get-stts"
 transcript "Clear the target's link counters" "--pty" \
@@ -173,30 +148,30 @@ transcript "Clock (styles 0, 1, 2)" - \
     "mcu_tool2 --date 0; mcu_tool2 --date 1; mcu_tool2 --date 2"
 hidden_env=()
 
-# --- README --------------------------------------------------------------
+# --- the document --------------------------------------------------------
 
-readme=$root/README.md
+doc=$root/docs/transcripts.md
 begin='<!-- transcripts:begin -->'
 end='<!-- transcripts:end -->'
-if ! grep -qx "$begin" "$readme" || ! grep -qx "$end" "$readme"; then
-    echo "README.md lacks the lines $begin and $end" >&2
+if ! grep -qx "$begin" "$doc" || ! grep -qx "$end" "$doc"; then
+    echo "docs/transcripts.md lacks the lines $begin and $end" >&2
     exit 1
 fi
-new=$tmp/README.md
+new=$tmp/doc.md
 awk -v begin="$begin" -v end="$end" -v body="$out" '
     $0 == begin { print; print ""; while ((getline line < body) > 0) print line; skip = 1; next }
     $0 == end { skip = 0 }
     !skip { print }
-' "$readme" >"$new"
+' "$doc" >"$new"
 
 if [ "$mode" = check ]; then
-    if ! diff -u "$readme" "$new"; then
-        echo "README.md transcripts differ from what mcu_tool2 prints today;" \
-            "run scripts/readme-transcripts.sh" >&2
+    if ! diff -u "$doc" "$new"; then
+        echo "docs/transcripts.md differs from what mcu_tool2 prints today;" \
+            "run scripts/transcripts.sh" >&2
         exit 1
     fi
-    echo "README.md transcripts are current"
+    echo "docs/transcripts.md is current"
 else
-    cp "$new" "$readme"
-    echo "README.md transcripts written"
+    cp "$new" "$doc"
+    echo "docs/transcripts.md written"
 fi
