@@ -7,8 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "mcu_tool2.h"
-#include "utils.h"
+#include "mcu_tool2_internal.h"
 
 namespace {
 
@@ -93,14 +92,8 @@ long hex_arg(const char* s) {
 // --get-timeretry: query the MCU's upgrade parameters and print three of
 // them as received. The only action whose failure sets the exit status.
 int get_timeretry(void) {
-    if (!comp_id_is_set()) {
-        LOG_ERR("no target specified\n");
+    if (link_up(__func__, "no target specified") < 0)
         return -1;
-    }
-    if (mcu_init() < 0) {
-        LOG_ERR("mcu_init fail\n");
-        return -1;
-    }
     ST_TimeRetryCmd cmd;
     memset(&cmd, 0, sizeof cmd);
     int ret = mcu_getMcuUpgradeParam(&cmd);
