@@ -8,8 +8,9 @@
 //                          shell helpers
 //   checksum.h             frame CRC-16 (crc_init, crc_accumulate,
 //                          crc_calculate) and the extra bytes msg_crcs
-//   mcu_tool2_link.cpp     device path and speed, mcu_open / mcu_close (TTY or
-//                          SPI from the path) and the per-kind table kLinkOps
+//   mcu_tool2_link.cpp     device path and speed, mcu_open / mcu_close: the
+//                          path decides TTY or SPI, which picks the row of
+//                          kLinkOps (below) that every layer calls through
 //   mcu_tool2_kernel.cpp   termios2 custom rates, spidev set-up and transfers,
 //                          the hang-up test (Linux specifics)
 //   mcu_tool2_transport.cpp  mcu_write / mcu_read / mcu_wait, link_trace
@@ -98,9 +99,10 @@ void mcu_close(int fd);
 
 // What a TTY and an SPI link do differently, one row per EN_SerialType.
 // mcu_open records the kind of the path it opens in m_serial_type, which
-// picks the row; the layers above call through link_ops() and never ask
-// which kind of link they have. Each function reports in the name of the
-// call that dispatches to it.
+// picks the row; the layers above call through link_ops() instead of asking
+// which kind of link they have (only the TTY-only calls mcu_send and
+// mcu_wait still refuse an SPI link). Each function reports in the name of
+// the call that dispatches to it.
 struct ST_LinkOps {
     // mcu_open after the kind is known: open and configure the device.
     int (*open)(const char* serialname, int baudrate);

@@ -1,5 +1,6 @@
-// The device link: path and speed settings, the TTY-or-SPI decision, opening
-// and configuring the device, closing it.
+// The device link: path and speed settings, the TTY-or-SPI decision (which
+// selects the link's row of kLinkOps), opening and configuring the device of
+// either kind, closing it.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
