@@ -7,8 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "mcu_tool2.h"
-#include "utils.h"
+#include "mcu_tool2_internal.h"
 
 namespace {
 
@@ -93,14 +92,8 @@ long hex_arg(const char* s) {
 // --get-timeretry: query the MCU's upgrade parameters and print three of
 // them as received. The only action whose failure sets the exit status.
 int get_timeretry(void) {
-    if (!comp_id_is_set()) {
-        LOG_ERR("no target specified\n");
+    if (link_up(__func__, "no target specified") < 0)
         return -1;
-    }
-    if (mcu_init() < 0) {
-        LOG_ERR("mcu_init fail\n");
-        return -1;
-    }
     ST_TimeRetryCmd cmd;
     memset(&cmd, 0, sizeof cmd);
     int ret = mcu_getMcuUpgradeParam(&cmd);
@@ -172,28 +165,21 @@ int main(int argc, char** argv) {
     const char* str_arg = nullptr;
 
     for (;;) {
+        // A setter that refuses its value ends the run with the usage text.
+        bool refused = false;
         int option_index = 0;
         int c = getopt_long_only(argc, argv, "vu:r:hd", long_options, &option_index);
         if (c == -1)
             break;
         switch (c) {
             case OP_SET_ID:
-                if (set_comp_id(static_cast<uint8_t>(hex_arg(optarg))) < 0) {
-                    usage(argv[0]);
-                    return 0;
-                }
+                refused = set_comp_id(static_cast<uint8_t>(hex_arg(optarg))) < 0;
                 break;
             case OP_SET_DEV:
-                if (set_serial_dev(optarg) < 0) {
-                    usage(argv[0]);
-                    return 0;
-                }
+                refused = set_serial_dev(optarg) < 0;
                 break;
             case OP_SET_SPEED:
-                if (set_serial_speed(atoi(optarg)) < 0) {
-                    usage(argv[0]);
-                    return 0;
-                }
+                refused = set_serial_speed(atoi(optarg)) < 0;
                 break;
             case 'r':
             case OP_RESET:
@@ -224,10 +210,7 @@ int main(int argc, char** argv) {
                 str_arg = optarg;
                 break;
             case OP_EXTRA_CRC:
-                if (set_crc_extra(static_cast<uint8_t>(hex_arg(optarg))) < 0) {
-                    usage(argv[0]);
-                    return 0;
-                }
+                refused = set_crc_extra(static_cast<uint8_t>(hex_arg(optarg))) < 0;
                 break;
             case OP_CALC_CRC16:
                 if (mcu_crc16(optarg) < 0)
@@ -303,6 +286,10 @@ int main(int argc, char** argv) {
             default:
                 printf("?? getopt returned character code 0%o ??\n", static_cast<unsigned>(c));
                 break;
+        }
+        if (refused) {
+            usage(argv[0]);
+            return 0;
         }
     }
 

@@ -22,6 +22,62 @@
 
 #include "utils.h"
 
+// ---- the calls ----------------------------------------------------------
+// A program sets the target (and, if not its default, the device and speed),
+// then runs one action; each device action opens and closes the link itself.
+// The records the calls take are defined under "types and details" below.
+struct ST_MavlinkStts;
+struct ST_Version;
+struct ST_TimeRetryCmd;
+
+// Link settings. The device path is kept by pointer, not copied.
+int set_serial_dev(const char* name);
+int set_serial_speed(int speed);
+// Protocol switches.
+int set_crc_extra(uint8_t val);
+int set_upgrade_type(uint8_t val);
+int set_seq_check(uint8_t val);
+// Target component; also fixes the tool's own id and the default device path.
+int set_comp_id(uint8_t id);
+int comp_id_is_set(void);
+
+// Link statistics.
+void clear_stts(ST_MavlinkStts* st);
+int print_stts(ST_MavlinkStts* st);
+
+// Version formatting: "debug.patch.minor.major".
+int version_to_string(ST_Version* v, char* buf, int len);
+int print_version(char* type, ST_Version* v);
+
+// Link lifecycle: clear statistics and open; close and print statistics.
+int mcu_init(void);
+void mcu_uninit(void);
+
+// Device actions. reset_type is an EN_ResetType; mcu_get_softver sets the
+// target itself and leaves the software version as text in buf; a monitor's
+// msgid 0xFF shows every message, and seconds of 0 or less mean no limit.
+int mcu_reset(uint16_t reset_type);
+int mcu_get_softver(uint8_t comp_id, char* buf, int len);
+int mcu_version(void);
+int mcu_serial(void);
+int mcu_getMcuUpgradeParam(ST_TimeRetryCmd* cmd);
+int mcu_upgrade(const char* filename);
+int mcu_sendraw(const char* str);
+int mcu_writeraw(const char* str);
+int mcu_monitor_message(uint8_t msgid, int seconds);
+int mcu_sendraw_then_monitor(const char* str, uint8_t msgid, int seconds);
+int mcu_debug_get_stts(void);
+int mcu_debug_clear_stts(void);
+int mcu_debug_set_message_loopback(int flag);
+int mcu_debug_message_send_test(int count, int len, int interval, uint8_t pattern);
+
+// Device-free calculators.
+int mcu_crc16(const char* str);
+int mcu_crc32(const char* filename);
+int mcu_date(int style);
+
+// ---- types and details --------------------------------------------------
+
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
               "wire records are little-endian and are laid over the wire bytes");
 
@@ -258,49 +314,5 @@ static_assert(sizeof(ST_HeartBeat) == 4, "ST_HeartBeat wire size");
 static_assert(sizeof(ST_SysLog) == 20, "ST_SysLog wire size");
 static_assert(sizeof(ST_DebugCmd) == 20, "ST_DebugCmd wire size");
 static_assert(sizeof(ST_TimeRetryCmd) == 16, "ST_TimeRetryCmd wire size");
-
-// Link settings. The device path is kept by pointer, not copied.
-int set_serial_dev(const char* name);
-int set_serial_speed(int speed);
-// Protocol switches.
-int set_crc_extra(uint8_t val);
-int set_upgrade_type(uint8_t val);
-int set_seq_check(uint8_t val);
-// Target component; also fixes the tool's own id and the default device path.
-int set_comp_id(uint8_t id);
-int comp_id_is_set(void);
-
-// Link statistics.
-void clear_stts(ST_MavlinkStts* st);
-int print_stts(ST_MavlinkStts* st);
-
-// Version formatting: "debug.patch.minor.major".
-int version_to_string(ST_Version* v, char* buf, int len);
-int print_version(char* type, ST_Version* v);
-
-// Link lifecycle: clear statistics and open; close and print statistics.
-int mcu_init(void);
-void mcu_uninit(void);
-
-// Device actions.
-int mcu_reset(uint16_t reset_type);
-int mcu_get_softver(uint8_t comp_id, char* buf, int len);
-int mcu_version(void);
-int mcu_serial(void);
-int mcu_getMcuUpgradeParam(ST_TimeRetryCmd* cmd);
-int mcu_upgrade(const char* filename);
-int mcu_sendraw(const char* str);
-int mcu_writeraw(const char* str);
-int mcu_monitor_message(uint8_t msgid, int seconds);
-int mcu_sendraw_then_monitor(const char* str, uint8_t msgid, int seconds);
-int mcu_debug_get_stts(void);
-int mcu_debug_clear_stts(void);
-int mcu_debug_set_message_loopback(int flag);
-int mcu_debug_message_send_test(int count, int len, int interval, uint8_t pattern);
-
-// Device-free calculators.
-int mcu_crc16(const char* str);
-int mcu_crc32(const char* filename);
-int mcu_date(int style);
 
 #endif  // MCU_TOOL2_H

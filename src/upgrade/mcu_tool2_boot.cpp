@@ -69,11 +69,7 @@ int mcu_getFlashSize(uint32_t* flash_size, uint32_t timeoutms) {
 }
 
 int mcu_enterBootloader(uint32_t timeoutms) {
-    ST_ResetCmd cmd;
-    cmd.confirm_code = 0x55AA;
-    cmd.reset_type = RESET_TYPE_BOOTLOADER;
-    return mcu_sendrecv(CMD_SYSTEM_RESET, reinterpret_cast<uint8_t*>(&cmd), sizeof cmd, nullptr, 0,
-                        static_cast<int>(timeoutms), kBootRetries);
+    return reset_exchange(RESET_TYPE_BOOTLOADER, static_cast<int>(timeoutms));
 }
 
 int mcu_requestUpgrade(uint32_t timeoutms) {

@@ -14,8 +14,13 @@ constexpr int kDebugRetries = 2;
 constexpr int kFloodMaxLen = 512;
 static_assert(kFloodMaxLen + MAVLINK_FRAME_OVERHEAD <= SPI_BLOCK_SIZE, "flood frame fits a block");
 
-int debug_exchange(ST_DebugCmd* cmd) {
-    return mcu_sendrecv(CMD_DEBUG_DEVICE, reinterpret_cast<uint8_t*>(cmd), sizeof *cmd, nullptr, 0,
+// One debug request; the MCU's answer is printed by the engine's handler.
+int debug_exchange(uint32_t code, uint32_t param0) {
+    ST_DebugCmd cmd;
+    memset(&cmd, 0, sizeof cmd);
+    cmd.debugcode = code;
+    cmd.param0 = param0;
+    return mcu_sendrecv(CMD_DEBUG_DEVICE, reinterpret_cast<uint8_t*>(&cmd), sizeof cmd, nullptr, 0,
                         kDebugTimeoutMs, kDebugRetries);
 }
 
@@ -24,17 +29,11 @@ int debug_exchange(ST_DebugCmd* cmd) {
 int mcu_debug_get_stts(void) {
     if (link_up(__func__, "no target specified") < 0)
         return -1;
-    ST_DebugCmd cmd;
-    memset(&cmd, 0, sizeof cmd);
     // A refused or silent counter does not stop the sequence.
-    for (uint32_t code = DEBUGCODE_RX_BYTES; code <= DEBUGCODE_RELAY_FAILS; code++) {
-        cmd.debugcode = code;
-        debug_exchange(&cmd);
-    }
-    cmd.debugcode = DEBUGCODE_CPU_USAGE;
-    debug_exchange(&cmd);
-    cmd.debugcode = DEBUGCODE_MEM_USAGE;
-    debug_exchange(&cmd);
+    for (uint32_t code = DEBUGCODE_RX_BYTES; code <= DEBUGCODE_RELAY_FAILS; code++)
+        debug_exchange(code, 0);
+    debug_exchange(DEBUGCODE_CPU_USAGE, 0);
+    debug_exchange(DEBUGCODE_MEM_USAGE, 0);
     mcu_uninit();
     return 0;
 }
@@ -42,10 +41,7 @@ int mcu_debug_get_stts(void) {
 int mcu_debug_clear_stts(void) {
     if (link_up(__func__, "no target specified") < 0)
         return -1;
-    ST_DebugCmd cmd;
-    memset(&cmd, 0, sizeof cmd);
-    cmd.debugcode = DEBUGCODE_CLEAR_STTS;
-    int ret = debug_exchange(&cmd);
+    int ret = debug_exchange(DEBUGCODE_CLEAR_STTS, 0);
     mcu_uninit();
     return ret;
 }
@@ -53,11 +49,7 @@ int mcu_debug_clear_stts(void) {
 int mcu_debug_set_message_loopback(int flag) {
     if (link_up(__func__, "no target specified") < 0)
         return -1;
-    ST_DebugCmd cmd;
-    memset(&cmd, 0, sizeof cmd);
-    cmd.debugcode = DEBUGCODE_SET_LOOPBACK;
-    cmd.param0 = static_cast<uint32_t>(flag);
-    int ret = debug_exchange(&cmd);
+    int ret = debug_exchange(DEBUGCODE_SET_LOOPBACK, static_cast<uint32_t>(flag));
     mcu_uninit();
     return ret;
 }

@@ -15,6 +15,13 @@ namespace {
 constexpr int kCmdTimeoutMs = 500;
 constexpr int kCmdRetries = 2;
 
+// The four versions: software, bootloader, hardware, protocol.
+int query_versions(ST_Version versions[4]) {
+    memset(versions, 0, 4 * sizeof(ST_Version));
+    return mcu_sendrecv(CMD_GET_VERSIONS, nullptr, 0, reinterpret_cast<uint8_t*>(versions),
+                        4 * sizeof(ST_Version), kCmdTimeoutMs, kCmdRetries);
+}
+
 }  // namespace
 
 int set_comp_id(uint8_t id) {
@@ -89,9 +96,7 @@ int mcu_version(void) {
     if (link_up(__func__, "comp_id not set") < 0)
         return -1;
     ST_Version versions[4];
-    memset(versions, 0, sizeof versions);
-    int ret = mcu_sendrecv(CMD_GET_VERSIONS, nullptr, 0, reinterpret_cast<uint8_t*>(versions),
-                           sizeof versions, kCmdTimeoutMs, kCmdRetries);
+    int ret = query_versions(versions);
     if (ret < 0) {
         LOG_ERR("mcu_sendrecv fail\n");
     } else {
@@ -119,9 +124,7 @@ int mcu_get_softver(uint8_t comp_id, char* buf, int len) {
         return -1;
     }
     ST_Version versions[4];
-    memset(versions, 0, sizeof versions);
-    int ret = mcu_sendrecv(CMD_GET_VERSIONS, nullptr, 0, reinterpret_cast<uint8_t*>(versions),
-                           sizeof versions, kCmdTimeoutMs, kCmdRetries);
+    int ret = query_versions(versions);
     if (ret == 0)
         version_to_string(&versions[0], buf, len);
     else
@@ -143,14 +146,18 @@ int mcu_serial(void) {
     return ret;
 }
 
-int mcu_reset(uint16_t reset_type) {
-    if (link_up(__func__, "comp_id not set") < 0)
-        return -1;
+int reset_exchange(uint16_t reset_type, int timeout) {
     ST_ResetCmd cmd;
     cmd.confirm_code = 0x55AA;
     cmd.reset_type = reset_type;
-    int ret = mcu_sendrecv(CMD_SYSTEM_RESET, reinterpret_cast<uint8_t*>(&cmd), sizeof cmd, nullptr,
-                           0, kCmdTimeoutMs, kCmdRetries);
+    return mcu_sendrecv(CMD_SYSTEM_RESET, reinterpret_cast<uint8_t*>(&cmd), sizeof cmd, nullptr, 0,
+                        timeout, kCmdRetries);
+}
+
+int mcu_reset(uint16_t reset_type) {
+    if (link_up(__func__, "comp_id not set") < 0)
+        return -1;
+    int ret = reset_exchange(reset_type, kCmdTimeoutMs);
     if (ret < 0)
         LOG_ERR("mcu_sendrecv fail\n");
     mcu_uninit();

@@ -4,12 +4,14 @@
 // and a result code. Silence for `timeout` ms since the last transmission
 // brings a retransmission with the same sequence number, at most retry_cnt
 // times; then -3.
-#include <errno.h>
 #include <string.h>
 
 #include "mcu_tool2_internal.h"
 
 namespace {
+
+// Both links' rules report as the exchange.
+constexpr const char* kSendrecv = "mcu_sendrecv";
 
 // Pauses of the exchange, in milliseconds.
 constexpr int kPauseAfterNoFrame = 10;
@@ -36,11 +38,11 @@ bool is_data_reply(uint8_t id) {
 int take_data_reply(uint8_t* rxbuf, int rxlen) {
     int payload_len = frame_payload_len(&m_rx_msg);
     if (rxbuf == nullptr) {
-        LOG_ERR_AS("mcu_sendrecv", "null pointer\n");
+        LOG_ERR_AS(kSendrecv, "null pointer\n");
         return -1;
     }
     if (rxlen < payload_len) {
-        LOG_ERR_AS("mcu_sendrecv", "rxlen(%d) < payload_len(%d)\n", rxlen, payload_len);
+        LOG_ERR_AS(kSendrecv, "rxlen(%d) < payload_len(%d)\n", rxlen, payload_len);
         return -1;
     }
     memcpy(rxbuf, m_rx_msg.data, static_cast<size_t>(payload_len));
@@ -53,13 +55,14 @@ void count_spi_request(uint8_t msgid, int txlen) {
     m_stts.txCnt[msgid]++;
 }
 
-int sendrecv_tty(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int rxlen, int timeout,
+}  // namespace
+
+int tty_sendrecv(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int rxlen, int timeout,
                  int retry_cnt) {
-    const char* const func = "mcu_sendrecv";
     // 1. Send the request.
     int ret = mcu_send(msgid, txbuf, txlen);
     if (ret < 0) {
-        LOG_ERR_AS(func, "mcu send fail: %d\n", ret);
+        LOG_ERR_AS(kSendrecv, "mcu send fail: %d\n", ret);
         return -1;
     }
     // 2. Start the silence timer.
@@ -75,7 +78,7 @@ int sendrecv_tty(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int r
             ret = mcu_send(msgid, txbuf, txlen);
             resent++;
             if (ret < 0) {
-                LOG_ERR_AS(func, "mcu send fail: %d\n", ret);
+                LOG_ERR_AS(kSendrecv, "mcu send fail: %d\n", ret);
                 pause_ms(kPauseAfterFailedResend);
                 continue;
             }
@@ -89,25 +92,25 @@ int sendrecv_tty(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int r
         // 3.3 Acknowledgement, refusal, busy.
         uint8_t id = m_rx_msg.msgid;
         if (id == CMD_ACK) {
-            LOG_DBG_AS(func, "ACK\n");
+            LOG_DBG_AS(kSendrecv, "ACK\n");
             return 0;
         }
         if (id == CMD_NAK) {
-            LOG_DBG_AS(func, "NAK\n");
+            LOG_DBG_AS(kSendrecv, "NAK\n");
             return -2;
         }
         if (id == CMD_BUSY) {
             uint16_t delay = payload_u16(&m_rx_msg, 0);
             if (delay == 0) {
                 delay = kBusyDefaultMs;
-                LOG_ERR_AS(func, "busy timout default %d\n", delay);
+                LOG_ERR_AS(kSendrecv, "busy timout default %d\n", delay);
             }
             if (delay >= timeout)
-                LOG_ERR_AS(func, "busy too long %d\n", delay);
+                LOG_ERR_AS(kSendrecv, "busy too long %d\n", delay);
             pause_ms(delay);
             // The poll is a new request and takes the next sequence number.
             if (mcu_send(CMD_QUERY_DEVICE, nullptr, 0) < 0) {
-                LOG_ERR_AS(func, "mcu send CMD_QUERY_DEVICE fail\n");
+                LOG_ERR_AS(kSendrecv, "mcu send CMD_QUERY_DEVICE fail\n");
                 return -1;
             }
             tick0 = Time_GetMs();
@@ -117,11 +120,11 @@ int sendrecv_tty(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int r
         if (is_data_reply(id))
             return take_data_reply(rxbuf, rxlen);
         if (id == CMD_DEBUG_DEVICE) {
-            LOG_ERR_AS(func, "CMD_DEBUG_DEVICE: %d\n", id);
+            LOG_ERR_AS(kSendrecv, "CMD_DEBUG_DEVICE: %d\n", id);
             return mcu_debug(reinterpret_cast<ST_DebugCmd*>(m_rx_msg.data));
         }
         if (id == CMD_HEARBEAT) {
-            LOG_ERR_AS(func, "CMD_HEARBEAT: %d\n", id);
+            LOG_ERR_AS(kSendrecv, "CMD_HEARBEAT: %d\n", id);
             return mcu_heartbeat(reinterpret_cast<ST_HeartBeat*>(m_rx_msg.data));
         }
     }
@@ -129,13 +132,12 @@ int sendrecv_tty(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int r
     return -3;
 }
 
-int sendrecv_spi(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int rxlen, int timeout,
+int spi_sendrecv(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int rxlen, int timeout,
                  int retry_cnt) {
-    const char* const func = "mcu_sendrecv";
     // 1. The whole frame must fit one transfer block; nothing is ever
     //    written beyond it.
     if (txlen < 0 || txlen > SPI_MAX_PAYLOAD) {
-        LOG_ERR_AS(func, "illegal buf or length %d\n", txlen);
+        LOG_ERR_AS(kSendrecv, "illegal buf or length %d\n", txlen);
         return -1;
     }
     const bool uav = (m_comp_id == DEV_UAV);
@@ -181,7 +183,7 @@ int sendrecv_spi(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int r
         // 3.4 One full-duplex transfer.
         int ret = spi_transfer(m_serial_fd, tx, rx);
         if (ret < 1) {
-            LOG_ERR_AS(func, "spi message ioctl failed: %d\n\n", ret);
+            LOG_ERR_AS(kSendrecv, "spi message ioctl failed: %d\n\n", ret);
             mcu_uninit();
             m_stts.txFail++;
             return -1;
@@ -195,7 +197,7 @@ int sendrecv_spi(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int r
         // 3.6 Only answers to this request or to the poll count.
         uint8_t id = m_rx_msg.msgid;
         if (id != msgid && id != CMD_QUERY_DEVICE) {
-            LOG_ERR_AS(func, "msgid fail 0x%02x\n", id);
+            LOG_ERR_AS(kSendrecv, "msgid fail 0x%02x\n", id);
             pause_ms(kPauseAfterOtherId);
             continue;
         }
@@ -207,11 +209,11 @@ int sendrecv_spi(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int r
             return ret;
         }
         if (id == CMD_DEBUG_DEVICE) {
-            LOG_ERR_AS(func, "CMD_DEBUG_DEVICE: 0x%02x\n", id);
+            LOG_ERR_AS(kSendrecv, "CMD_DEBUG_DEVICE: 0x%02x\n", id);
             return mcu_debug(reinterpret_cast<ST_DebugCmd*>(m_rx_msg.data));
         }
         if (id == CMD_HEARBEAT) {
-            LOG_ERR_AS(func, "CMD_HEARBEAT: 0x%02x\n", id);
+            LOG_ERR_AS(kSendrecv, "CMD_HEARBEAT: 0x%02x\n", id);
             return mcu_heartbeat(reinterpret_cast<ST_HeartBeat*>(m_rx_msg.data));
         }
         if (id == CMD_QUERY_DEVICE && uav)
@@ -226,10 +228,11 @@ int sendrecv_spi(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int r
             uint16_t delay = payload_u16(&m_rx_msg, 1);
             if (delay == 0) {
                 delay = kBusyDefaultMs;
-                LOG_ERR_AS(func, "busy timeout default %d\n", delay);
+                LOG_ERR_AS(kSendrecv, "busy timeout default %d\n", delay);
             }
             if (delay > kSpiBusyLongMs) {
-                LOG_ERR_AS(func, " msgid %02x seq %d busy: delay %d ms\n", id, m_rx_msg.seq, delay);
+                LOG_ERR_AS(kSendrecv, " msgid %02x seq %d busy: delay %d ms\n", id, m_rx_msg.seq,
+                           delay);
                 delay = static_cast<uint16_t>(delay + kSpiBusySurchargeMs);
             }
             pause_ms(delay);
@@ -238,7 +241,7 @@ int sendrecv_spi(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int r
             continue;
         }
         if (result < RESULT_CODE_MAX) {
-            LOG_ERR_AS(func, "msgid: 0x%02x, seq: %d, result failed: %d\n", id, m_rx_msg.seq,
+            LOG_ERR_AS(kSendrecv, "msgid: 0x%02x, seq: %d, result failed: %d\n", id, m_rx_msg.seq,
                        result);
             return -2;
         }
@@ -248,14 +251,7 @@ int sendrecv_spi(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int r
     return -3;
 }
 
-}  // namespace
-
 int mcu_sendrecv(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int rxlen, int timeout,
                  int retry_cnt) {
-    if (m_serial_type == SERIAL_TYPE_TTY)
-        return sendrecv_tty(msgid, txbuf, txlen, rxbuf, rxlen, timeout, retry_cnt);
-    if (m_serial_type == SERIAL_TYPE_SPI)
-        return sendrecv_spi(msgid, txbuf, txlen, rxbuf, rxlen, timeout, retry_cnt);
-    LOG_ERR("unknown serial device type : %s\n", strerror(errno));
-    return -1;
+    return link_ops().sendrecv(msgid, txbuf, txlen, rxbuf, rxlen, timeout, retry_cnt);
 }

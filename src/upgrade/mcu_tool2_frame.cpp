@@ -2,10 +2,7 @@
 // number, target and own ids, header sum, CRC-16 with m_crc_extra) and
 // mcu_send writes it to a TTY; the parser assembles one frame from a TTY
 // byte by byte, or from the first frame in an SPI block, checks and counts it.
-#include <errno.h>
-#include <stdio.h>
 #include <string.h>
-#include <sys/time.h>
 
 #include "mcu_tool2_internal.h"
 
@@ -29,13 +26,6 @@ enum EN_ParseState {
     STATE_CRC_H = 10,
     STATE_INVALID = 255,
 };
-
-// The record seen as wire bytes: header, payload and the CRC bytes behind the
-// payload, which for a full payload fall on the crc field. Indexing through
-// this view keeps every access inside the record.
-uint8_t* wire_bytes(ST_MavlinkMsg* msg) {
-    return reinterpret_cast<uint8_t*>(msg);
-}
 
 constexpr int kHeaderLen = 8;
 
@@ -137,18 +127,7 @@ bool parse_byte(ParseContext& ctx, ST_MavlinkMsg* msg, uint8_t b) {
 // Trace, dump, extra byte and the enabled checks of a complete frame; counts
 // the outcome. 0 when every enabled check passed.
 int finish_frame(ParseContext& ctx, ST_MavlinkMsg* msg) {
-    if (__debuglevel != DEBUG_LV_NONE && pfn_print != nullptr) {
-        struct timeval tv;
-        gettimeofday(&tv, nullptr);
-        pfn_print("<%d.%06d> %s %d, RX: \n", static_cast<int>(tv.tv_sec),
-                  static_cast<int>(tv.tv_usec), kRecv, __LINE__);
-        if (__debuglevel >= DEBUG_LV_DUMP) {
-            int n = ctx.rxlen + MAVLINK_FRAME_OVERHEAD;
-            if (__debuglevel < DEBUG_LV_FULLDUMP && n > 32)
-                n = 32;
-            hexdump(wire_bytes(msg), static_cast<unsigned short>(n));
-        }
-    }
+    link_trace(kRecv, __LINE__, "RX", wire_bytes(msg), ctx.rxlen + MAVLINK_FRAME_OVERHEAD);
     crc_accumulate(msg_crcs[msg->msgid], &ctx.crc);
     bool bad = false;
     if (m_crc_check && msg->crc != ctx.crc) {
@@ -240,33 +219,35 @@ int mcu_recv(ST_MavlinkMsg* msg, uint8_t* buf, int length) {
         LOG_ERR("null pointer\n");
         return -1;
     }
+    return link_ops().recv(msg, buf, length);
+}
+
+int spi_recv(ST_MavlinkMsg* msg, uint8_t* buf, int length) {
+    if (buf == nullptr) {
+        LOG_ERR_AS(kRecv, "null input buffer pointer\n");
+        return -1;
+    }
     ParseContext ctx;
-    if (m_serial_type == SERIAL_TYPE_SPI) {
-        if (buf == nullptr) {
-            LOG_ERR("null input buffer pointer\n");
+    for (int offset = 0; offset < length; offset++) {
+        if (parse_byte(ctx, msg, buf[offset]))
+            return finish_frame(ctx, msg);
+    }
+    return -1;
+}
+
+int tty_recv(ST_MavlinkMsg* msg, uint8_t* /*buf*/, int /*length*/) {
+    // A line that never falls silent and never completes a frame (noise, a
+    // wrong rate) would keep this loop going for ever; two frames' worth of
+    // bytes without one is enough to give up and let the caller look at its
+    // clock.
+    ParseContext ctx;
+    for (int taken = 0; taken < kMaxScanBytes; taken++) {
+        uint8_t data;
+        if (mcu_read(m_serial_fd, &data, 1) < 0)
             return -1;
-        }
-        for (int offset = 0; offset < length; offset++) {
-            if (parse_byte(ctx, msg, buf[offset]))
-                return finish_frame(ctx, msg);
-        }
-        return -1;
+        if (parse_byte(ctx, msg, data))
+            return finish_frame(ctx, msg);
     }
-    if (m_serial_type == SERIAL_TYPE_TTY) {
-        // A line that never falls silent and never completes a frame (noise,
-        // a wrong rate) would keep this loop going for ever; two frames'
-        // worth of bytes without one is enough to give up and let the caller
-        // look at its clock.
-        for (int taken = 0; taken < kMaxScanBytes; taken++) {
-            uint8_t data;
-            if (mcu_read(m_serial_fd, &data, 1) < 0)
-                return -1;
-            if (parse_byte(ctx, msg, data))
-                return finish_frame(ctx, msg);
-        }
-        LOG_ERR("no frame within %d bytes\n", kMaxScanBytes);
-        return -1;
-    }
-    LOG_ERR("unknown serial device type : %s\n", strerror(errno));
+    LOG_ERR_AS(kRecv, "no frame within %d bytes\n", kMaxScanBytes);
     return -1;
 }

@@ -69,6 +69,9 @@ void release_stop_signals(void) {
     }
 }
 
+// The monitor's helpers report in its name.
+constexpr const char* kMonitor = "mcu_monitor";
+
 // Pause between SPI monitor passes that found nothing, so the loop never
 // spins; the MCU's output is collected one 528-byte transfer per pass.
 constexpr int kSpiMonitorPauseMs = 10;
@@ -94,11 +97,6 @@ static_assert(sizeof(kCounterLines) / sizeof(kCounterLines[0]) ==
                   DEBUGCODE_RELAY_FAILS - DEBUGCODE_RX_BYTES + 1,
               "one line per counter code");
 
-// Frame as received: header, payload and CRC bytes.
-uint8_t* wire_bytes(ST_MavlinkMsg* msg) {
-    return reinterpret_cast<uint8_t*>(msg);
-}
-
 // Prints one accepted frame the way the monitor shows it.
 void monitor_print(ST_MavlinkMsg* msg) {
     int payload_len = frame_payload_len(msg);
@@ -121,7 +119,7 @@ void monitor_print(ST_MavlinkMsg* msg) {
             mcu_heartbeat(reinterpret_cast<ST_HeartBeat*>(msg->data));
             break;
         default:
-            LOG_ERR_AS("mcu_monitor", "msgid 0x%02x\n", msg->msgid);
+            LOG_ERR_AS(kMonitor, "msgid 0x%02x\n", msg->msgid);
             hexdump(wire_bytes(msg),
                     static_cast<unsigned short>(payload_len + MAVLINK_FRAME_OVERHEAD));
             break;
@@ -182,10 +180,6 @@ int mcu_debug(ST_DebugCmd* msg) {
     return -2;
 }
 
-namespace {
-int monitor_loop(uint8_t msgid, int timeout);
-}  // namespace
-
 int mcu_monitor(uint8_t msgid, int timeout) {
     // 1. No limit: the largest int.
     if (timeout <= 0)
@@ -200,55 +194,50 @@ int mcu_monitor(uint8_t msgid, int timeout) {
     m_msgid_check = 0;
     // 4. Start; from here a stop signal ends the monitor like its time.
     catch_stop_signals();
-    int ret = monitor_loop(msgid, timeout);
+    // 5. Listen until the time is up or a stop signal came.
+    int ret = 0;
+    int32_t tick0 = Time_GetMs();
+    while (ret == 0 && m_monitor_stop == 0 && elapsed_ms(tick0) < timeout) {
+        // 5.1-5.2 one frame from the link, 5.3 the id filter, 5.4 print it.
+        int got = link_ops().listen(timeout);
+        if (got < 0)
+            ret = -1;
+        else if (got > 0 && (msgid == 0xFF || m_rx_msg.msgid == msgid))
+            monitor_print(&m_rx_msg);
+    }
     release_stop_signals();
     return ret;
 }
 
-namespace {
-
-// Step 5 of the monitor: listen until the time is up or a stop signal came.
-// Its diagnostics carry the monitor's name.
-int monitor_loop(uint8_t msgid, int timeout) {
-    int32_t tick0 = Time_GetMs();
-    // 5. Listen until the time is up.
-    while (m_monitor_stop == 0 && elapsed_ms(tick0) < timeout) {
-        if (m_serial_type == SERIAL_TYPE_SPI) {
-            // 5.1-5.2 on SPI: one listening transfer, then its first frame.
-            uint8_t block[SPI_BLOCK_SIZE];
-            if (mcu_read(m_serial_fd, block, SPI_BLOCK_SIZE) < 0)
-                return -1;
-            if (mcu_recv(&m_rx_msg, block, SPI_BLOCK_SIZE) < 0) {
-                pause_ms(kSpiMonitorPauseMs);
-                continue;
-            }
-        } else {
-            // 5.1 Wait for input, each wait given the whole time-out.
-            if (mcu_wait(timeout) <= 0) {
-                if (m_monitor_stop != 0)
-                    break;
-                LOG_DBG_AS("mcu_monitor", "mcu_wait fail\n");
-                continue;
-            }
-            // A hung-up device stays readable without a byte to read; the
-            // monitor ends rather than spin until its time is up.
-            if (tty_hung_up(m_serial_fd)) {
-                LOG_ERR_AS("mcu_monitor", "%s hung up\n", m_serial_dev);
-                return -1;
-            }
-            // 5.2 One frame from the line.
-            if (mcu_recv(&m_rx_msg, nullptr, 0) < 0) {
-                LOG_DBG_AS("mcu_monitor", "mcu recv fail\n");
-                continue;
-            }
-        }
-        // 5.3 The id filter.
-        if (msgid != 0xFF && m_rx_msg.msgid != msgid)
-            continue;
-        // 5.4 Print it.
-        monitor_print(&m_rx_msg);
+// 5.1-5.2 on a TTY: wait for input, each wait given the whole time-out, then
+// one frame from the line. Its diagnostics carry the monitor's name.
+int tty_listen(int timeout) {
+    if (mcu_wait(timeout) <= 0) {
+        if (m_monitor_stop == 0)
+            LOG_DBG_AS(kMonitor, "mcu_wait fail\n");
+        return 0;
     }
-    return 0;
+    // A hung-up device stays readable without a byte to read; the monitor
+    // ends rather than spin until its time is up.
+    if (tty_hung_up(m_serial_fd)) {
+        LOG_ERR_AS(kMonitor, "%s hung up\n", m_serial_dev);
+        return -1;
+    }
+    if (mcu_recv(&m_rx_msg, nullptr, 0) < 0) {
+        LOG_DBG_AS(kMonitor, "mcu recv fail\n");
+        return 0;
+    }
+    return 1;
 }
 
-}  // namespace
+// 5.1-5.2 on SPI: one listening transfer, then its first frame.
+int spi_listen(int /*timeout*/) {
+    uint8_t block[SPI_BLOCK_SIZE];
+    if (mcu_read(m_serial_fd, block, SPI_BLOCK_SIZE) < 0)
+        return -1;
+    if (mcu_recv(&m_rx_msg, block, SPI_BLOCK_SIZE) < 0) {
+        pause_ms(kSpiMonitorPauseMs);
+        return 0;
+    }
+    return 1;
+}

@@ -1,15 +1,33 @@
-// Module-internal interface of mcu_tool2, shared by its files and nothing
-// else: the one process-wide link context (state prefixed m_) and the layers
-// below the public actions.
+// Module-internal interface of mcu_tool2, shared by its files (and by the
+// front end for the bring-up of its one action): the one process-wide link
+// context (state prefixed m_) and the layers below the public actions.
 //
-//   link      mcu_open / mcu_close: decide TTY or SPI from the path, configure
-//   kernel    termios2 custom rates and spidev transfers (Linux specifics)
-//   transport mcu_write / mcu_read / mcu_wait: bytes with traces and dumps
-//   frame     mcu_package / mcu_send (encoder), mcu_recv (parser)
-//   engine    mcu_sendrecv: one request/response exchange, TTY or SPI rules
-//   inbound   mcu_heartbeat / mcu_debug / mcu_monitor: what the MCU emits
-//   upgrade   bootloader commands and the eight-step procedure
-//   raw       hex strings, raw messages and frames
+// The layers, lowest first (file -> what it offers):
+//   utils.h, utils*.cpp    diagnostics (pfn_print, LOG_*), hexdump, the
+//                          millisecond clock, byte sums, CRC-8/32, file and
+//                          shell helpers
+//   checksum.h             frame CRC-16 (crc_init, crc_accumulate,
+//                          crc_calculate) and the extra bytes msg_crcs
+//   mcu_tool2_link.cpp     device path and speed, mcu_open / mcu_close: the
+//                          path decides TTY or SPI, which picks the row of
+//                          kLinkOps (below) that every layer calls through
+//   mcu_tool2_kernel.cpp   termios2 custom rates, spidev set-up and transfers,
+//                          the hang-up test (Linux specifics)
+//   mcu_tool2_transport.cpp  mcu_write / mcu_read / mcu_wait, link_trace
+//   mcu_tool2_stats.cpp    m_stts, clear_stts / print_stts, the protocol
+//                          switches (extra byte, upgrade type, checks)
+//   mcu_tool2_frame.cpp    mcu_package / mcu_send (encoder), mcu_recv (parser)
+//   mcu_tool2_device.cpp   target identity, mcu_init / mcu_uninit / link_up,
+//                          version formatting, identity queries and reset
+//   mcu_tool2_inbound.cpp  mcu_heartbeat / mcu_debug / mcu_monitor: what the
+//                          MCU emits
+//   mcu_tool2_engine.cpp   mcu_sendrecv: one request/response exchange
+//   mcu_tool2_debug.cpp    remote debug commands (counters, loopback, flood)
+//   mcu_tool2_boot.cpp     upgrade parameters and the bootloader commands
+//   mcu_tool2_upgrade.cpp  the eight-step upgrade, mcu_upgrade
+//   mcu_tool2_raw.cpp      hex strings, raw messages and frames, monitor actions
+//   mcu_tool2_calc.cpp     device-free calculators (CRC-16, CRC-32, clock)
+//   mcu_main2.cpp          the command line (front end, not part of the module)
 //
 // Results follow the public header: 0 success, -1 local failure, -2 refused
 // by the MCU, -3 time-out, -10 failed SPI transfer inside the transport.
@@ -62,11 +80,69 @@ inline int32_t elapsed_ms(int32_t since) {
     return static_cast<int32_t>(static_cast<uint32_t>(Time_GetMs()) - static_cast<uint32_t>(since));
 }
 
+// The record seen as wire bytes: header, payload and the CRC bytes behind the
+// payload, which for a full payload fall on the crc field.
+inline uint8_t* wire_bytes(ST_MavlinkMsg* msg) {
+    return reinterpret_cast<uint8_t*>(msg);
+}
+
+// Payload length of a frame record: len + 256 * len_h.
+inline int frame_payload_len(const ST_MavlinkMsg* msg) {
+    return msg->len | (msg->len_h << 8);
+}
+
 // ---- link (mcu_tool2_link.cpp) ------------------------------------------
 // Opens and configures the device; the descriptor or -1.
 int mcu_open(const char* serialname, int baudrate);
 // Closes fd when it is greater than 0.
 void mcu_close(int fd);
+
+// What a TTY and an SPI link do differently, one row per EN_SerialType.
+// mcu_open records the kind of the path it opens in m_serial_type, which
+// picks the row; the layers above call through link_ops() instead of asking
+// which kind of link they have (only the TTY-only calls mcu_send and
+// mcu_wait still refuse an SPI link). Each function reports in the name of
+// the call that dispatches to it.
+struct ST_LinkOps {
+    // mcu_open after the kind is known: open and configure the device.
+    int (*open)(const char* serialname, int baudrate);
+    // mcu_write / mcu_read: one write (one transfer on SPI), one read (one
+    // polling transfer on SPI).
+    int (*write)(int fd, uint8_t* sendbuf, int len, uint8_t* recvbuf);
+    int (*read)(int fd, uint8_t* buf, int len);
+    // mcu_recv: a frame pulled from the line, or the first one in a block.
+    int (*recv)(ST_MavlinkMsg* msg, uint8_t* buf, int length);
+    // mcu_sendrecv: the exchange rules of the link.
+    int (*sendrecv)(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int rxlen,
+                    int timeout, int retry_cnt);
+    // One pass of the monitor: 1 a frame in m_rx_msg, 0 none, -1 it ends.
+    int (*listen)(int timeout);
+    // Most bytes one write moves.
+    int max_write;
+};
+int open_tty_serial(const char* serialname, int baudrate);
+int open_spi_serial(const char* serialname, int baudrate);
+int tty_write(int fd, uint8_t* sendbuf, int len, uint8_t* recvbuf);
+int spi_write(int fd, uint8_t* sendbuf, int len, uint8_t* recvbuf);
+int tty_read(int fd, uint8_t* buf, int len);
+int spi_read(int fd, uint8_t* buf, int len);
+int tty_recv(ST_MavlinkMsg* msg, uint8_t* buf, int length);
+int spi_recv(ST_MavlinkMsg* msg, uint8_t* buf, int length);
+int tty_sendrecv(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int rxlen, int timeout,
+                 int retry_cnt);
+int spi_sendrecv(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int rxlen, int timeout,
+                 int retry_cnt);
+int tty_listen(int timeout);
+int spi_listen(int timeout);
+constexpr ST_LinkOps kLinkOps[] = {
+    // SERIAL_TYPE_TTY
+    {open_tty_serial, tty_write, tty_read, tty_recv, tty_sendrecv, tty_listen, MAVLINK_MAX_PAYLOAD},
+    // SERIAL_TYPE_SPI
+    {open_spi_serial, spi_write, spi_read, spi_recv, spi_sendrecv, spi_listen, SPI_BLOCK_SIZE},
+};
+inline const ST_LinkOps& link_ops(void) {
+    return kLinkOps[m_serial_type];
+}
 
 // ---- kernel specifics (mcu_tool2_kernel.cpp) ----------------------------
 // The termios rate field mask and its "other rate" code.
@@ -92,30 +168,31 @@ int mcu_read(int fd, uint8_t* buf, int len);
 int mcu_wait(int timeout);
 // Read end of the monitor's stop pipe, -1 outside the monitor.
 extern int m_wake_fd;
+// The "TX" or "RX" trace line of a frame in the name of func, and from
+// DEBUG_LV_DUMP on its bytes (cut to 32 below DEBUG_LV_FULLDUMP).
+void link_trace(const char* func, int line, const char* dir, const uint8_t* buf, int len);
 
 // ---- frame (mcu_tool2_frame.cpp) ----------------------------------------
 int mcu_package(uint8_t msgid, uint8_t* sendbuf, int len);
 int mcu_send(uint8_t msgid, uint8_t* sendbuf, int len);
 int mcu_recv(ST_MavlinkMsg* msg, uint8_t* buf, int length);
-// Payload length of a frame record: len + 256 * len_h.
-inline int frame_payload_len(const ST_MavlinkMsg* msg) {
-    return msg->len | (msg->len_h << 8);
-}
 
-// ---- lifecycle (mcu_tool2_device.cpp) ----------------------------------
+// ---- lifecycle, identity and reset (mcu_tool2_device.cpp) ---------------
 // The opening of every device action: refuse without a target (printing
 // `no_target` in the name of `func`), then bring the link up ("mcu_init
 // fail" on failure). 0 when the link is up, -1 otherwise.
 int link_up(const char* func, const char* no_target);
-
-// ---- engine (mcu_tool2_engine.cpp) --------------------------------------
-int mcu_sendrecv(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int rxlen, int timeout,
-                 int retry_cnt);
+// CMD_SYSTEM_RESET of reset_type, confirmed with 0x55AA; the engine's result.
+int reset_exchange(uint16_t reset_type, int timeout);
 
 // ---- inbound (mcu_tool2_inbound.cpp) ------------------------------------
 int mcu_heartbeat(ST_HeartBeat* msg);
 int mcu_debug(ST_DebugCmd* msg);
 int mcu_monitor(uint8_t msgid, int timeout);
+
+// ---- engine (mcu_tool2_engine.cpp) --------------------------------------
+int mcu_sendrecv(uint8_t msgid, uint8_t* txbuf, int txlen, uint8_t* rxbuf, int rxlen, int timeout,
+                 int retry_cnt);
 
 // ---- upgrade (mcu_tool2_boot.cpp, mcu_tool2_upgrade.cpp) ----------------
 // Forces every field into its range, one line per changed field.

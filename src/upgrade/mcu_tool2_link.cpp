@@ -1,5 +1,6 @@
-// The device link: path and speed settings, the TTY-or-SPI decision, opening
-// and configuring the device, closing it.
+// The device link: path and speed settings, the TTY-or-SPI decision (which
+// selects the link's row of kLinkOps), opening and configuring the device of
+// either kind, closing it.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -38,6 +39,9 @@ int lock_device(int fd, const char* serialname) {
     return -1;
 }
 
+// The kind-specific openers report as the call that picks them.
+constexpr const char* kOpen = "mcu_open";
+
 // Only bus 0, chip select 0 is an SPI link; every other path is a TTY.
 uint8_t link_kind(const char* path) {
     return strstr(path, "spidev0.0") != nullptr ? SERIAL_TYPE_SPI : SERIAL_TYPE_TTY;
@@ -73,45 +77,47 @@ int mcu_open(const char* serialname, int baudrate) {
     printf("open %s @ %d\n", serialname, baudrate);
     fflush(stdout);
     m_serial_type = link_kind(serialname);
+    return link_ops().open(serialname, baudrate);
+}
 
-    if (m_serial_type == SERIAL_TYPE_SPI) {
-        int fd = open(serialname, O_RDWR);
-        if (fd < 0) {
-            LOG_ERR("can't open device %s failed, %s\n\n", serialname, strerror(errno));
-            return -1;
-        }
-        if (lock_device(fd, serialname) < 0)
-            return -1;
-        if (baudrate != SPI_SPEED_HZ)
-            LOG_ERR("invalid spi speed: %d, using default\n\n", baudrate);
-        const char* what = "";
-        if (spi_configure(fd, 0, SPI_SPEED_HZ, 8, &what) < 0) {
-            LOG_ERR("can't set %s: %s\n\n", what, strerror(errno));
-            mcu_close(fd);
-            return -1;
-        }
-        printf("========open_spi_serial: %s success\n", serialname);
-        fflush(stdout);
-        return fd;
+int open_spi_serial(const char* serialname, int baudrate) {
+    int fd = open(serialname, O_RDWR);
+    if (fd < 0) {
+        LOG_ERR_AS(kOpen, "can't open device %s failed, %s\n\n", serialname, strerror(errno));
+        return -1;
     }
+    if (lock_device(fd, serialname) < 0)
+        return -1;
+    if (baudrate != SPI_SPEED_HZ)
+        LOG_ERR_AS(kOpen, "invalid spi speed: %d, using default\n\n", baudrate);
+    const char* what = "";
+    if (spi_configure(fd, 0, SPI_SPEED_HZ, 8, &what) < 0) {
+        LOG_ERR_AS(kOpen, "can't set %s: %s\n\n", what, strerror(errno));
+        mcu_close(fd);
+        return -1;
+    }
+    printf("========open_spi_serial: %s success\n", serialname);
+    fflush(stdout);
+    return fd;
+}
 
-    // TTY
+int open_tty_serial(const char* serialname, int baudrate) {
     int fd = open(serialname, O_RDWR | O_NOCTTY | O_NONBLOCK);
     if (fd < 0) {
-        LOG_ERR("open %s fail : %s\n", serialname, strerror(errno));
+        LOG_ERR_AS(kOpen, "open %s fail : %s\n", serialname, strerror(errno));
         return -1;
     }
     if (lock_device(fd, serialname) < 0)
         return -1;
     // Blocking from here on: reads wait for VTIME, writes for the kernel.
     if (fcntl(fd, F_SETFL, 0) < 0) {
-        LOG_ERR("fcntl %s fail : %s\n", serialname, strerror(errno));
+        LOG_ERR_AS(kOpen, "fcntl %s fail : %s\n", serialname, strerror(errno));
         mcu_close(fd);
         return -1;
     }
     struct termios options;
     if (tcgetattr(fd, &options) != 0) {
-        LOG_ERR("tcgetattr %s fail : %s\n", serialname, strerror(errno));
+        LOG_ERR_AS(kOpen, "tcgetattr %s fail : %s\n", serialname, strerror(errno));
         mcu_close(fd);
         return -1;
     }
@@ -124,7 +130,7 @@ int mcu_open(const char* serialname, int baudrate) {
         }
     }
     if (custom_rate) {
-        LOG_ERR("arbitrary baudrate=%d\n\n", baudrate);
+        LOG_ERR_AS(kOpen, "arbitrary baudrate=%d\n\n", baudrate);
         options.c_cflag &= ~static_cast<tcflag_t>(kTtyCbaudMask);
         options.c_cflag |= kTtyBotherFlag;
     }
@@ -141,7 +147,7 @@ int mcu_open(const char* serialname, int baudrate) {
     options.c_oflag &= ~static_cast<tcflag_t>(ONLCR | OCRNL);
     tcflush(fd, TCIFLUSH);
     if (tcsetattr(fd, TCSANOW, &options) != 0) {
-        LOG_ERR("tcsetattr fail\n : %s\n", strerror(errno));
+        LOG_ERR_AS(kOpen, "tcsetattr fail\n : %s\n", strerror(errno));
         mcu_close(fd);
         return -1;
     }
@@ -149,7 +155,7 @@ int mcu_open(const char* serialname, int baudrate) {
     // it the number itself. Kernels or emulators without termios2 keep the
     // marker only.
     if (custom_rate && tty_set_custom_rate(fd, baudrate) < 0)
-        LOG_DBG("termios2 rate %d not applied: %s\n", baudrate, strerror(errno));
+        LOG_DBG_AS(kOpen, "termios2 rate %d not applied: %s\n", baudrate, strerror(errno));
     return fd;
 }
 

@@ -59,10 +59,14 @@ int monitor_timeout_ms(int seconds) {
     return seconds * 1000;
 }
 
-// Convert, check the target, bring the link up: the opening of every raw
-// action. The byte count, or -1 after the step's diagnostic.
-int raw_begin(const char* func, const char* str, uint8_t* buf, int cap) {
-    int n = string2hex(str, buf, cap);
+// The bytes of the raw actions, converted from their hex strings.
+uint8_t m_raw_buf[RAW_BUF_SIZE];
+
+// Convert into m_raw_buf, check the target, bring the link up: the opening of
+// both raw sends. The byte count, or -1 after the step's diagnostic.
+int raw_begin(const char* func, const char* str) {
+    memset(m_raw_buf, 0, sizeof m_raw_buf);
+    int n = string2hex(str, m_raw_buf, RAW_BUF_SIZE);
     if (n < 0) {
         LOG_ERR_AS(func, "string convert to hex fail\n");
         return -1;
@@ -74,19 +78,17 @@ int raw_begin(const char* func, const char* str, uint8_t* buf, int cap) {
 
 // Message id is byte 0, the payload follows; an empty string asks the
 // encoder for a payload of -1 bytes, which it refuses.
-int send_raw_message(const uint8_t* buf, int n) {
-    return mcu_send(n > 0 ? buf[0] : 0, const_cast<uint8_t*>(buf) + 1, n - 1);
+int send_raw_message(int n) {
+    return mcu_send(m_raw_buf[0], m_raw_buf + 1, n - 1);
 }
 
 }  // namespace
 
 int mcu_sendraw(const char* str) {
-    static uint8_t buf[RAW_BUF_SIZE];
-    memset(buf, 0, sizeof buf);
-    int n = raw_begin(__func__, str, buf, RAW_BUF_SIZE);
+    int n = raw_begin(__func__, str);
     if (n < 0)
         return -1;
-    int ret = send_raw_message(buf, n);
+    int ret = send_raw_message(n);
     if (ret < 0)
         LOG_ERR("mcu send fail\n");
     mcu_uninit();
@@ -94,8 +96,8 @@ int mcu_sendraw(const char* str) {
 }
 
 int mcu_writeraw(const char* str) {
-    static uint8_t buf[RAW_BUF_SIZE];
-    memset(buf, 0, sizeof buf);
+    uint8_t* buf = m_raw_buf;
+    memset(buf, 0, RAW_BUF_SIZE);
     // The conversion leaves room for the two CRC bytes behind the frame.
     int n = string2hex(str, buf, RAW_BUF_SIZE - 2);
     if (n < 0) {
@@ -111,7 +113,7 @@ int mcu_writeraw(const char* str) {
         return -1;
     // The frame and its CRC go out in one write: at most 65000 bytes on a
     // TTY, one 528-byte block on SPI. Refused before anything is written.
-    int limit = (m_serial_type == SERIAL_TYPE_SPI) ? SPI_BLOCK_SIZE : MAVLINK_MAX_PAYLOAD;
+    int limit = link_ops().max_write;
     if (n + 2 > limit) {
         LOG_ERR("raw frame of %d bytes leaves no room for its CRC, at most %d bytes\n", n,
                 limit - 2);
@@ -143,12 +145,10 @@ int mcu_monitor_message(uint8_t msgid, int seconds) {
 }
 
 int mcu_sendraw_then_monitor(const char* str, uint8_t msgid, int seconds) {
-    static uint8_t buf[RAW_BUF_SIZE];
-    memset(buf, 0, sizeof buf);
-    int n = raw_begin(__func__, str, buf, RAW_BUF_SIZE);
+    int n = raw_begin(__func__, str);
     if (n < 0)
         return -1;
-    int ret = send_raw_message(buf, n);
+    int ret = send_raw_message(n);
     if (ret < 0) {
         LOG_ERR("mcu send fail\n");
         return ret;

@@ -1,7 +1,7 @@
 // Byte transport on the open device: a whole buffer per write (one SPI
 // transfer of a fixed block on SPI), single reads on a TTY or one polling
-// transfer on SPI, and a readiness wait for TTY input. Writes are traced
-// (and dumped) at the debug levels above 0.
+// transfer on SPI, and a readiness wait for TTY input. Writes, and the frames
+// the parser assembles, are traced (and dumped) at the debug levels above 0.
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
@@ -13,90 +13,95 @@
 
 namespace {
 
-// The TX trace line and, from DEBUG_LV_DUMP on, the dump of the bytes (cut to
-// 32 below DEBUG_LV_FULLDUMP).
-void tx_trace(const char* func, int line, const uint8_t* buf, int len) {
+// The kind-specific halves report as the calls that dispatch to them.
+constexpr const char* kWrite = "mcu_write";
+constexpr const char* kRead = "mcu_read";
+
+}  // namespace
+
+void link_trace(const char* func, int line, const char* dir, const uint8_t* buf, int len) {
     if (__debuglevel == DEBUG_LV_NONE || pfn_print == nullptr)
         return;
     struct timeval tv;
     gettimeofday(&tv, nullptr);
-    pfn_print("<%d.%06d> %s %d, TX: \n", static_cast<int>(tv.tv_sec), static_cast<int>(tv.tv_usec),
-              func, line);
+    pfn_print("<%d.%06d> %s %d, %s: \n", static_cast<int>(tv.tv_sec), static_cast<int>(tv.tv_usec),
+              func, line, dir);
     if (__debuglevel >= DEBUG_LV_DUMP && buf != nullptr && len > 0) {
         int n = (__debuglevel >= DEBUG_LV_FULLDUMP || len < 32) ? len : 32;
         hexdump(buf, static_cast<unsigned short>(n));
     }
 }
 
-}  // namespace
-
 int mcu_write(int fd, uint8_t* sendbuf, int len, uint8_t* recvbuf) {
-    if (m_serial_type == SERIAL_TYPE_SPI) {
-        uint8_t tx[SPI_BLOCK_SIZE] = {};
-        uint8_t rx[SPI_BLOCK_SIZE] = {};
-        // Traced before the check, so a refused call still shows in the trace.
-        tx_trace(__func__, __LINE__, sendbuf, len);
-        if (fd < 0 || sendbuf == nullptr || len < 0 || len > SPI_BLOCK_SIZE) {
-            LOG_ERR("illegal fd, buf or length %d\n", len);
-            return -1;
-        }
-        memcpy(tx, sendbuf, static_cast<size_t>(len));
-        if (spi_transfer(fd, tx, rx) <= 0) {
-            LOG_ERR("can't send spi message\n");
-            return -10;
-        }
-        if (recvbuf != nullptr)
-            memcpy(recvbuf, rx, sizeof rx);
-        return 0;
-    }
-    if (m_serial_type == SERIAL_TYPE_TTY) {
-        if (fd < 0 || sendbuf == nullptr || len < 0 || len > MAVLINK_MAX_PAYLOAD) {
-            LOG_ERR("illegal fd, buf or length %d\n", len);
-            return -1;
-        }
-        tx_trace(__func__, __LINE__, sendbuf, len);
-        // One write of the whole buffer; a partial write is a failure.
-        int ret = static_cast<int>(write(fd, sendbuf, static_cast<size_t>(len)));
-        if (ret != len) {
-            LOG_ERR("write fail: %d : %s\n", ret, strerror(errno));
-            return -1;
-        }
-        return 0;
-    }
-    LOG_ERR("unknown serial device type : %s\n", strerror(errno));
-    return -1;
+    return link_ops().write(fd, sendbuf, len, recvbuf);
 }
 
 int mcu_read(int fd, uint8_t* buf, int len) {
-    if (m_serial_type == SERIAL_TYPE_TTY) {
-        if (fd < 0 || buf == nullptr || len < 0 || len > MAVLINK_MAX_PAYLOAD) {
-            LOG_ERR("illegal buf or length %d\n", len);
-            return -1;
-        }
-        int ret = static_cast<int>(read(fd, buf, static_cast<size_t>(len)));
-        if (ret == len)
-            return 0;
-        if (ret < 0)
-            LOG_ERR("read : %s\n", strerror(errno));
-        // Fewer bytes (none after the port's 0.1 s of silence): a quiet failure.
+    return link_ops().read(fd, buf, len);
+}
+
+int spi_write(int fd, uint8_t* sendbuf, int len, uint8_t* recvbuf) {
+    uint8_t tx[SPI_BLOCK_SIZE] = {};
+    uint8_t rx[SPI_BLOCK_SIZE] = {};
+    // Traced before the check, so a refused call still shows in the trace.
+    link_trace(kWrite, __LINE__, "TX", sendbuf, len);
+    if (fd < 0 || sendbuf == nullptr || len < 0 || len > SPI_BLOCK_SIZE) {
+        LOG_ERR_AS(kWrite, "illegal fd, buf or length %d\n", len);
         return -1;
     }
-    if (m_serial_type == SERIAL_TYPE_SPI) {
-        uint8_t tx[SPI_BLOCK_SIZE] = {};
-        uint8_t rx[SPI_BLOCK_SIZE] = {};
-        if (fd < 0 || buf == nullptr) {
-            LOG_ERR("illegal buf or fd %d\n", fd);
-            return -1;
-        }
-        if (spi_transfer(fd, tx, rx) <= 0) {
-            LOG_ERR("can't send spi message\n");
-            return -10;
-        }
-        memcpy(buf, rx, sizeof rx);
-        return 0;
+    memcpy(tx, sendbuf, static_cast<size_t>(len));
+    if (spi_transfer(fd, tx, rx) <= 0) {
+        LOG_ERR_AS(kWrite, "can't send spi message\n");
+        return -10;
     }
-    LOG_ERR("unknown serial device type : %s\n", strerror(errno));
+    if (recvbuf != nullptr)
+        memcpy(recvbuf, rx, sizeof rx);
+    return 0;
+}
+
+int tty_write(int fd, uint8_t* sendbuf, int len, uint8_t* /*recvbuf*/) {
+    if (fd < 0 || sendbuf == nullptr || len < 0 || len > MAVLINK_MAX_PAYLOAD) {
+        LOG_ERR_AS(kWrite, "illegal fd, buf or length %d\n", len);
+        return -1;
+    }
+    link_trace(kWrite, __LINE__, "TX", sendbuf, len);
+    // One write of the whole buffer; a partial write is a failure.
+    int ret = static_cast<int>(write(fd, sendbuf, static_cast<size_t>(len)));
+    if (ret != len) {
+        LOG_ERR_AS(kWrite, "write fail: %d : %s\n", ret, strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+int tty_read(int fd, uint8_t* buf, int len) {
+    if (fd < 0 || buf == nullptr || len < 0 || len > MAVLINK_MAX_PAYLOAD) {
+        LOG_ERR_AS(kRead, "illegal buf or length %d\n", len);
+        return -1;
+    }
+    int ret = static_cast<int>(read(fd, buf, static_cast<size_t>(len)));
+    if (ret == len)
+        return 0;
+    if (ret < 0)
+        LOG_ERR_AS(kRead, "read : %s\n", strerror(errno));
+    // Fewer bytes (none after the port's 0.1 s of silence): a quiet failure.
     return -1;
+}
+
+// The whole 528-byte block goes to buf, whatever len says.
+int spi_read(int fd, uint8_t* buf, int /*len*/) {
+    uint8_t tx[SPI_BLOCK_SIZE] = {};
+    uint8_t rx[SPI_BLOCK_SIZE] = {};
+    if (fd < 0 || buf == nullptr) {
+        LOG_ERR_AS(kRead, "illegal buf or fd %d\n", fd);
+        return -1;
+    }
+    if (spi_transfer(fd, tx, rx) <= 0) {
+        LOG_ERR_AS(kRead, "can't send spi message\n");
+        return -10;
+    }
+    memcpy(buf, rx, sizeof rx);
+    return 0;
 }
 
 int mcu_wait(int timeout) {

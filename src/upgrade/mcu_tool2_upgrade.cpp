@@ -24,6 +24,17 @@ void verdict(int ret) {
     out(ret == -3 ? "TIMEOUT\n" : "FAIL\n");
 }
 
+// The verdict of one single-attempt step: `ok` after success; true when the
+// procedure goes on.
+bool step_done(int ret, const char* ok) {
+    if (ret < 0) {
+        verdict(ret);
+        return false;
+    }
+    out(ok);
+    return true;
+}
+
 uint32_t seconds_ms(uint16_t seconds) {
     return static_cast<uint32_t>(seconds) * 1000u;
 }
@@ -41,14 +52,13 @@ int mcu_upgradeFirmare(uint8_t* firmware, int length) {
     }
     ST_TimeRetryCmd cmd;
     uint32_t flashsize = 0;
-    int ret = 0;
 
     // Step 0: the MCU's upgrade parameters; after four failures the low
     // bounds are used.
     for (int failures = 0;;) {
         out("step 0: get firmware program info ... ");
         memset(&cmd, 0, sizeof cmd);
-        ret = mcu_getMcuUpgradeParam(&cmd);
+        int ret = mcu_getMcuUpgradeParam(&cmd);
         if (ret == 0) {
             printf("msg->timems: %d, program->timems: %d, retry: %d, pksize: %d\n",
                    cmd.message_timeoutms, cmd.program_timeoutms, cmd.program_retrys,
@@ -72,7 +82,7 @@ int mcu_upgradeFirmare(uint8_t* firmware, int length) {
         // Step 1: the application flash size, up to four attempts.
         for (int failures = 0;;) {
             out("step 1: get app flash size ... ");
-            ret = mcu_getFlashSize(&flashsize, cmd.message_timeoutms);
+            int ret = mcu_getFlashSize(&flashsize, cmd.message_timeoutms);
             if (ret == 0) {
                 printf(" %u bytes\n", flashsize);
                 fflush(stdout);
@@ -90,60 +100,39 @@ int mcu_upgradeFirmare(uint8_t* firmware, int length) {
         }
         // Step 2: reset into the bootloader, then give it time to start.
         out("step 2: enter bootload ... ");
-        ret = mcu_enterBootloader(seconds_ms(cmd.bootload_timeouts));
-        if (ret < 0) {
-            verdict(ret);
+        if (!step_done(mcu_enterBootloader(seconds_ms(cmd.bootload_timeouts)), "OK\n"))
             return -1;
-        }
-        out("OK\n");
         pause_ms(kBootloaderStartPauseMs);
     }
 
     // Step 3: ask the bootloader for the upgrade.
     out("step 3: request upgrade ... ");
-    ret = mcu_requestUpgrade(cmd.message_timeoutms);
-    if (ret < 0) {
-        verdict(ret);
+    if (!step_done(mcu_requestUpgrade(cmd.message_timeoutms), "OK\n"))
         return -1;
-    }
-    out("OK\n");
 
     // Step 4: erase the application area for the image's length.
     out("step 4: erase flash ... ");
-    ret = mcu_eraseFlash(static_cast<uint32_t>(length), seconds_ms(cmd.erase_timeouts));
-    if (ret < 0) {
-        verdict(ret);
+    if (!step_done(mcu_eraseFlash(static_cast<uint32_t>(length), seconds_ms(cmd.erase_timeouts)),
+                   "OK\n"))
         return -1;
-    }
-    out("OK\n");
 
     // Step 5: the image, chunk by chunk, with the progress figure.
     out("step 5: program flash ... ");
-    ret = mcu_programFlash(firmware, length, cmd.program_timeoutms, cmd.program_retrys,
-                           cmd.program_pksize);
-    if (ret < 0) {
-        verdict(ret);
+    if (!step_done(mcu_programFlash(firmware, length, cmd.program_timeoutms, cmd.program_retrys,
+                                    cmd.program_pksize),
+                   " OK\n"))
         return -1;
-    }
-    out(" OK\n");
 
     // Step 6: the MCU checks the CRC-8 of what it programmed.
     out("step 6: check CRC ... ");
-    ret = mcu_requestCrcCheck(firmware, length, seconds_ms(cmd.checkcrc_timeouts));
-    if (ret < 0) {
-        verdict(ret);
+    if (!step_done(mcu_requestCrcCheck(firmware, length, seconds_ms(cmd.checkcrc_timeouts)),
+                   " OK\n"))
         return -1;
-    }
-    out(" OK\n");
 
     // Step 7: start the new application.
     out("step 7: jump to app ... ");
-    ret = mcu_runApp(seconds_ms(cmd.runapp_timeouts));
-    if (ret < 0) {
-        verdict(ret);
+    if (!step_done(mcu_runApp(seconds_ms(cmd.runapp_timeouts)), "OK\n"))
         return -1;
-    }
-    out("OK\n");
     return 0;
 }
 

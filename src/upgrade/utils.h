@@ -89,7 +89,8 @@ int read_file(const char* filepath, uint8_t* buf, int len);
 int write_file(const char* filepath, uint8_t* buf, int len);
 // Creates the file or appends to it, one write of len bytes; bytes written or -1.
 int append_file(const char* filepath, uint8_t* buf, int len);
-// MD5 digest text of a file from the system's md5sum; digit count or -1.
+// MD5 digest text of a file from the system's md5sum (the name quoted for the
+// shell unless it is plain); digit count or -1.
 int calc_md5sum(char* filepath, uint8_t* buf, int len);
 // Formats a command and runs it through the shell; 0 when the shell ran.
 int my_system(const char* fmt, ...) __attribute__((format(printf, 1, 2)));

@@ -21,6 +21,17 @@ constexpr mode_t kCreateMode = 0644;
 // The last command run by my_system, kept until the next call.
 char m_system_cmd[16384];
 
+// The characters a shell word holds as they are (ASCII letters and digits
+// whatever the locale).
+constexpr const char* kPlain =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+,:@%=";
+
+// Appends text to the text in buf (cap bytes in all), cut to fit.
+void append(char* buf, size_t cap, const char* text) {
+    size_t used = strlen(buf);
+    snprintf(buf + used, cap - used, "%s", text);
+}
+
 int write_with_flags(const char* filepath, uint8_t* buf, int len, int flags, const char* func) {
     int fd = open(filepath, flags, kCreateMode);
     if (fd < 0) {
@@ -86,22 +97,42 @@ int append_file(const char* filepath, uint8_t* buf, int len) {
     return write_with_flags(filepath, buf, len, O_WRONLY | O_CREAT | O_APPEND, __func__);
 }
 
+// The parameter types are those of the public header, which other programs
+// link against. NOLINTNEXTLINE(readability-non-const-parameter)
 int calc_md5sum(char* filepath, uint8_t* buf, int len) {
     if (filepath == nullptr || filepath[0] == '\0' || buf == nullptr || len <= 0) {
         LOG_ERR("params wrong\n");
         return -1;
     }
+    // The name reaches the shell as one word: as it is when it holds nothing
+    // the shell reads specially, else single-quoted, each ' in it closed,
+    // escaped and reopened ('\''). Cut to 63 characters, the command keeps a
+    // prefix of the quoted name: a shorter name (or an open quote, which the
+    // shell refuses), never text outside the quotes.
     char cmd[64];
-    snprintf(cmd, sizeof cmd, "md5sum %s", filepath);
+    bool plain = true;
+    for (const char* p = filepath; *p != '\0'; p++)
+        plain = plain && strchr(kPlain, *p) != nullptr;
+    snprintf(cmd, sizeof cmd, "md5sum %s", plain ? filepath : "'");
+    for (const char* p = filepath; !plain && *p != '\0'; p++) {
+        const char one[2] = {*p, '\0'};
+        append(cmd, sizeof cmd, *p == '\'' ? "'\\''" : one);
+    }
+    if (!plain)
+        append(cmd, sizeof cmd, "'");
     FILE* fp = popen(cmd, "r");
     if (fp == nullptr) {
         LOG_ERR("popen %s fail : %s\n", cmd, strerror(errno));
         return -1;
     }
     size_t got = fread(buf, 1, static_cast<size_t>(len - 1), fp);
+    // GNU md5sum starts the line with '\' when it had to escape the name (a
+    // newline or backslash in it); the digest follows.
+    size_t from = (got > 0 && buf[0] == '\\') ? 1 : 0;
     int count = 0;
-    while (static_cast<size_t>(count) < got && isxdigit(buf[count]))
+    while (from + static_cast<size_t>(count) < got && isxdigit(buf[from + count]))
         count++;
+    memmove(buf, buf + from, static_cast<size_t>(count));
     buf[count] = '\0';
     pclose(fp);
     return count;
