@@ -126,13 +126,9 @@ int calc_md5sum(char* filepath, uint8_t* buf, int len) {
         return -1;
     }
     size_t got = fread(buf, 1, static_cast<size_t>(len - 1), fp);
-    // GNU md5sum starts the line with '\' when it had to escape the name (a
-    // newline or backslash in it); the digest follows.
-    size_t from = (got > 0 && buf[0] == '\\') ? 1 : 0;
     int count = 0;
-    while (from + static_cast<size_t>(count) < got && isxdigit(buf[from + count]))
+    while (static_cast<size_t>(count) < got && isxdigit(buf[count]))
         count++;
-    memmove(buf, buf + from, static_cast<size_t>(count));
     buf[count] = '\0';
     pclose(fp);
     return count;
