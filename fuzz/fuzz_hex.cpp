@@ -5,6 +5,8 @@
 // the CRC-16 action and the raw actions without a target take any string
 // without touching a device, with bounded diagnostics.
 
+#include <stdlib.h>
+
 #include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -26,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (n >= 0) {
         FUZZ_CHECK(static_cast<size_t>(n) * 2 == text.size() && n <= cap);
         for (int i = 0; i < n; i++)
-            FUZZ_CHECK(char2hex(text[2 * i]) * 16 + char2hex(text[2 * i + 1]) == buf[i]);
+            FUZZ_CHECK(strtoul(text.substr(2 * i, 2).c_str(), nullptr, 16) == buf[i]);
     }
     set_comp_id(DEV_NONE);  // no target: the device actions refuse before any open
     mcu_crc16(text.c_str());
