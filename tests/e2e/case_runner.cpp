@@ -109,35 +109,27 @@ struct Piece {
     Lines body;
 };
 using Pieces = std::map<std::string, Piece>;
+using Blocks = std::vector<std::pair<std::string, Lines>>;
 
 [[noreturn]] void table_error(const std::string& where, const std::string& what) {
     fprintf(stderr, "case tables, %s: %s\n", where.c_str(), what.c_str());
     exit(2);
 }
 
-std::string link_of(const std::string& line) {
-    return line.size() > 3 && line[3] == '|' ? line.substr(0, 3) : "";
-}
-
-// The "=== header" blocks of a file, '#' lines left out and a section's first
-// line put below its name; returns the lines above the first block.
-Lines read_blocks(const std::string& path, std::vector<std::pair<std::string, Lines>>* blocks) {
-    static const std::regex first(R"(^((tty|spi)\|)?(out|err|frames|log|holder-out):( (.*))?$)");
+// The "=== title" blocks of a file without '#' lines, trailing blank lines
+// and a section's first line put below its name; returns the lines above them.
+Lines read_blocks(const std::string& path, Blocks* blocks) {
+    static const std::regex first(R"(^((tty|spi)\|)?(out|err|frames|log|holder-out): (.*)$)");
     std::istringstream in(read_file(path));
-    Lines top;
+    Lines top, *to = &top;
     std::smatch m;
     for (std::string l; std::getline(in, l);) {
         if (l.rfind("=== ", 0) == 0)
-            blocks->push_back({l.substr(4), {}});
-        else if (l[0] == '#' || (blocks->empty() && l.empty()))
-            continue;
-        else if (blocks->empty())
-            top.push_back(l);
-        else if (std::regex_match(l, m, first) && m[4].matched)
-            blocks->back().second.insert(blocks->back().second.end(),
-                                         {m[1].str() + m[3].str() + ":", m[1].str() + m[5].str()});
-        else
-            blocks->back().second.push_back(l);
+            to = &blocks->emplace_back(l.substr(4), Lines()).second;
+        else if (std::regex_match(l, m, first))
+            to->insert(to->end(), {m[1].str() + m[3].str() + ":", m[1].str() + m[4].str()});
+        else if (l[0] != '#' && (to != &top || !l.empty()))
+            to->push_back(l);
     }
     for (auto& b : *blocks)
         while (!b.second.empty() && b.second.back().empty())
@@ -146,20 +138,19 @@ Lines read_blocks(const std::string& path, std::vector<std::pair<std::string, Li
 }
 
 Pieces read_pieces(const std::string& path) {
-    std::vector<std::pair<std::string, Lines>> blocks;
+    Blocks blocks;
     read_blocks(path, &blocks);
     Pieces pieces;
-    for (auto& [header, body] : blocks) {
-        Lines w = words(header);
+    for (auto& [title, body] : blocks) {
+        Lines w = words(title);
         if (w.empty() || w[0][0] != '@' || pieces.count(w[0]))
-            table_error(path, "a second piece or no piece name: " + header);
+            table_error(path, "a second piece or no piece name: " + title);
         Piece& p = pieces[w[0]];
         p.body = body;
         for (size_t i = 1; i < w.size(); i++) {
-            const size_t eq = w[i].find('=');
-            p.names.push_back(w[i].substr(0, eq));
-            if (eq != std::string::npos)
-                p.defaults[p.names.back()] = w[i].substr(eq + 1);
+            p.names.push_back(w[i].substr(0, w[i].find('=')));
+            if (w[i].find('=') != std::string::npos)
+                p.defaults[p.names.back()] = w[i].substr(w[i].find('=') + 1);
         }
     }
     return pieces;
@@ -172,93 +163,68 @@ std::string substitute(const std::string& line, const Params& params) {
     auto tail = line.cbegin();
     for (std::sregex_iterator it(line.begin(), line.end(), ref), end; it != end; ++it) {
         const auto& m = *it;
-        out.append(tail, m[0].first);
-        tail = m[0].second;
         auto p = params.find(m[1]);
         std::string v = p == params.end() ? m[0].str() : p->second;
-        if (p != params.end() && m[3].matched)
-            v.insert(0, std::max<int>(0, std::stoi(m[3]) - static_cast<int>(v.size())), ' ');
-        out += v;
+        if (p != params.end() && m[3].matched && v.size() < std::stoul(m[3]))
+            v.insert(0, std::stoul(m[3]) - v.size(), ' ');
+        out.append(tail, m[0].first) += v;
+        tail = m[0].second;
     }
     return out.append(tail, line.cend());
 }
 
-// The lines with each "@piece ARGS" line replaced by the piece's lines under
-// that line's link (those of another link left out). A piece sees its
+// The lines on `link` ("tty|" and "spi|" lines of the other left out) with
+// each "@piece ARGS" line replaced by the piece's lines. A piece sees its
 // caller's parameters; a positional argument "a:b,c:d" calls it once per item.
 Lines expand(const Lines& lines, const Pieces& pieces, const Params& outer, const std::string& link,
              const std::string& where) {
     Lines out;
     for (const std::string& l : lines) {
-        const std::string own = link_of(l), rest = l.substr(own.empty() ? 0 : 4);
-        const std::string under = own.empty() ? link : own;
-        if (!own.empty() && !link.empty() && own != link)
+        const bool own = l.size() > 3 && l[3] == '|';
+        if (own && l.substr(0, 3) != link)
             continue;
+        const std::string rest = l.substr(own ? 4 : 0);
         if (rest.empty() || rest[0] != '@' || rest == "@empty") {
-            out.push_back(under.empty() ? rest : under + "|" + rest);
+            out.push_back(rest == "@empty" ? "" : rest);
             continue;
         }
-        Lines w = words(rest);
-        auto piece = pieces.find(w[0]);
-        if (piece == pieces.end())
+        const Lines w = words(rest);
+        if (!pieces.count(w[0]))
             table_error(where, "no piece " + w[0]);
-        const Piece& p = piece->second;
+        const Piece& p = pieces.at(w[0]);
         Params base = p.defaults;
+        Lines items = {""};
         for (const auto& kv : outer)
             base[kv.first] = kv.second;
-        Lines items = {""};
         for (size_t i = 1; i < w.size(); i++) {
-            const size_t eq = w[i].find('=');
-            if (eq == std::string::npos)
+            const std::string name = w[i].substr(0, w[i].find('='));
+            if (name == w[i])
                 items = split(w[i], ',');
-            else if (std::find(p.names.begin(), p.names.end(), w[i].substr(0, eq)) == p.names.end())
-                table_error(where, w[0] + " has no parameter " + w[i].substr(0, eq));
+            else if (std::find(p.names.begin(), p.names.end(), name) == p.names.end())
+                table_error(where, w[0] + " has no parameter " + name);
             else
-                base[w[i].substr(0, eq)] = w[i].substr(eq + 1);
+                base[name] = w[i].substr(name.size() + 1);
         }
         for (const std::string& item : items) {
             Params params = base;
-            Lines values = split(item, ':');
+            Lines values = split(item, ':'), body;
             for (size_t i = 0; i < values.size() && i < p.names.size(); i++)
                 params[p.names[i]] = values[i];
-            if (std::all_of(p.names.begin(), p.names.end(),
-                            [&](const std::string& n) { return params.count(n); })) {
-                Lines body;
-                for (const std::string& b : p.body)
-                    body.push_back(substitute(b, params));
-                for (const std::string& e : expand(body, pieces, params, under, where))
-                    out.push_back(e);
-            }
+            const bool all = std::all_of(p.names.begin(), p.names.end(),
+                                         [&](auto& n) { return params.count(n); });
+            for (const std::string& b : all ? p.body : Lines())  // a parameter missing: nothing
+                body.push_back(substitute(b, params));
+            for (const std::string& e : expand(body, pieces, params, link, where))
+                out.push_back(e);
         }
     }
     return out;
 }
 
-// One case on one link: fields before the first section, then the sections.
-Case parse_case(const std::string& name, const std::string& link, const Lines& lines) {
-    static const std::regex header("(out|err|frames|log|holder-out):");
-    Case c{name + (link.empty() ? "" : " [" + link + "]"), link, {}, {}};
-    std::string current;  // the section being read
-    for (std::string l : lines) {
-        if (!link_of(l).empty() && link_of(l) != link)
-            continue;
-        l.erase(0, link_of(l).empty() ? 0 : 4);
-        const size_t colon = l.find(": ");
-        if (std::regex_match(l, header))
-            c.section[current = l.substr(0, l.size() - 1)];
-        else if (!current.empty())
-            c.section[current].push_back(l == "@empty" ? "" : l);
-        else if (colon != std::string::npos)
-            c.field[l.substr(0, colon)] = l.substr(colon + 2);
-    }
-    for (auto& sec : c.section)
-        while (!sec.second.empty() && sec.second.back().empty())
-            sec.second.pop_back();
-    return c;
-}
-
-// Every case of the tables once per "each:" alternative and per link.
+// Every case of the tables once per "each:" alternative and per link; a
+// case's fields come before its sections.
 std::vector<Case> read_cases() {
+    static const std::regex section("(out|err|frames|log|holder-out):"), trim("^ +| +$");
     const Pieces pieces = read_pieces(MCU_CASES_DIR "/pieces");
     std::set<std::filesystem::path> files;
     for (const auto& f : std::filesystem::directory_iterator(MCU_CASES_DIR))
@@ -266,16 +232,18 @@ std::vector<Case> read_cases() {
             files.insert(f.path());
     std::vector<Case> cases;
     for (const auto& f : files) {
-        std::vector<std::pair<std::string, Lines>> blocks;
+        Blocks blocks;
         const Lines defaults = read_blocks(f, &blocks);
         for (const auto& [title, own] : blocks) {
-            Lines lines = defaults;
-            lines.insert(lines.end(), own.begin(), own.end());
             if (title.empty() || title[0] == '@')
                 table_error(f, "pieces belong in the pieces file: " + title);
-            std::string each;
-            for (const std::string& l : lines)
+            Lines lines = defaults;
+            lines.insert(lines.end(), own.begin(), own.end());
+            std::string each, links = "none";
+            for (const std::string& l : lines) {
                 each = l.rfind("each: ", 0) == 0 ? l.substr(6) : each;
+                links = l.rfind("links: ", 0) == 0 ? l.substr(7) : links;
+            }
             for (const std::string& alt : each.empty() ? Lines{""} : split(each, '|')) {
                 Params params;
                 for (const std::string& kv : words(alt))
@@ -283,14 +251,25 @@ std::vector<Case> read_cases() {
                 Lines v;
                 for (const std::string& l : lines)
                     v.push_back(substitute(l, params));
-                v = expand(v, pieces, {}, "", f.string() + ", " + title);
-                std::string links = "none", name = title;
-                for (const std::string& l : v)
-                    links = l.rfind("links: ", 0) == 0 ? l.substr(7) : links;
-                if (!alt.empty())
-                    name += " (" + std::regex_replace(alt, std::regex("^ +| +$"), "") + ")";
-                for (const std::string& link : words(links))
-                    cases.push_back(parse_case(name, link == "none" ? "" : link, v));
+                const std::string name =
+                    title + (alt.empty() ? "" : " (" + std::regex_replace(alt, trim, "") + ")");
+                for (const std::string& link : words(links)) {
+                    Case c{name, link == "none" ? "" : link, {}, {}};
+                    c.name += c.link.empty() ? "" : " [" + link + "]";
+                    std::string current;  // the section being read
+                    for (const std::string& l : expand(v, pieces, {}, c.link, title)) {
+                        if (std::regex_match(l, section))
+                            c.section[current = l.substr(0, l.size() - 1)];
+                        else if (!current.empty())
+                            c.section[current].push_back(l);
+                        else if (l.find(": ") != std::string::npos)
+                            c.field[l.substr(0, l.find(": "))] = l.substr(l.find(": ") + 2);
+                    }
+                    for (auto& sec : c.section)  // blank lines only separate cases
+                        while (!sec.second.empty() && sec.second.back().empty())
+                            sec.second.pop_back();
+                    cases.push_back(c);
+                }
             }
         }
     }
@@ -442,12 +421,8 @@ RunResult run_tool(const TempDir& dir, const std::string& name, const Lines& arg
     r.err = read_file(dir.file(name + ".err"));
     // The wrapper's own lines start with "==<pid>=="; it exits 99 on a finding.
     static const std::regex report_line(R"(^==[0-9]+==.*\n?)", std::regex::multiline);
-    std::string report;
-    for (std::sregex_iterator it(r.err.begin(), r.err.end(), report_line), end; it != end; ++it)
-        report += it->str();
-    if (!wrapper.empty() && (!report.empty() || r.status == 99))
-        ADD_FAILURE() << "report from " << wrapper[0] << " (status " << r.status << "):\n"
-                      << report;
+    if (!wrapper.empty() && (std::regex_search(r.err, report_line) || r.status == 99))
+        ADD_FAILURE() << "report from " << wrapper[0] << " (status " << r.status << "):\n" << r.err;
     r.err = std::regex_replace(r.err, report_line, "");
     if (r.err.find("Sanitizer") != std::string::npos || r.err.find("runtime error:") != r.err.npos)
         ADD_FAILURE() << "sanitizer report from the tool:\n" << r.err;
