@@ -1,14 +1,10 @@
-// Table-driven end-to-end cases: each runs the real binary against the virtual
-// MCU on every link it names and compares the whole transcript, the exit
-// status, the frames the MCU received (and their gaps) and the image it
-// stored. The format is in cases/README.md; reading the tables comes first
-// here, running a case after it.
-//
-// What runs is read from the environment, all optional: MCU_TOOL (the tool),
-// MCU_TOOL_EMULATOR (words put before it, e.g. "qemu-aarch64 -L DIR"; the
-// tool's LD_PRELOAD then goes to it as "-E LD_PRELOAD=..."), MCU_TOOL_WRAPPER
-// (a checker such as valgrind), MCU_VMCU_SPIDEV (the spidev shim handed to
-// the tool), MCU_LIBC_WORDS (a probe built against the tool's C library).
+// End-to-end cases (format: cases/README.md): the real binary against the
+// virtual MCU. Reading the tables comes first here, running a case after it,
+// then the library's public calls in-process. What runs comes from the
+// environment, all optional: MCU_TOOL, MCU_TOOL_EMULATOR (words before the
+// tool, which then gets its LD_PRELOAD as "-E LD_PRELOAD=..."),
+// MCU_TOOL_WRAPPER (a checker such as valgrind), MCU_VMCU_SPIDEV (the spidev
+// shim) and MCU_LIBC_WORDS (a probe built against the tool's C library).
 #include <gtest/gtest.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -77,15 +73,22 @@ std::string read_file(const std::string& path) {
     return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
 }
 
-// Words of a line: 'a b' and K='a b' are one word with the blank, '' an empty one.
+// Words of a line: 'a  b' is one word with its blanks, '' an empty one.
 Lines words(const std::string& text) {
     Lines w;
-    std::istringstream ss(text);
-    for (std::string s, more; ss >> s;) {
-        while (std::count(s.begin(), s.end(), '\'') % 2 == 1 && ss >> more)
-            s += " " + more;
-        s.erase(std::remove(s.begin(), s.end(), '\''), s.end());
-        w.push_back(s);
+    bool quoted = false, fresh = true;
+    for (char c : text) {
+        if (c == ' ' && !quoted) {
+            fresh = true;
+            continue;
+        }
+        if (fresh)
+            w.emplace_back();
+        fresh = false;
+        if (c == '\'')
+            quoted = !quoted;
+        else
+            w.back() += c;
     }
     return w;
 }
@@ -324,6 +327,13 @@ useconds_t after(double s) {
     return static_cast<useconds_t>((s + tool_slack_s()) * 1e6);
 }
 
+struct TempDir {  // a scratch directory, removed at destruction
+    std::string path = mkdtemp(std::string("/tmp/mcu_test_XXXXXX").data());
+    std::error_code ec;
+    ~TempDir() { std::filesystem::remove_all(path, ec); }
+    std::string file(const std::string& name) const { return path + "/" + name; }
+};
+
 // What the tool's C library says: "$(strerror ENOENT)", "$(getopt OPTIONS --
 // ARGS)" (the probe's output, run as the tool would be, under its name).
 std::string libc_words(const std::string& request) {
@@ -331,20 +341,16 @@ std::string libc_words(const std::string& request) {
     if (said.count(request))
         return said[request];
     const std::string probe = env_or("MCU_LIBC_WORDS", MCU_LIBC_WORDS_PATH);
-    Lines argv = kEmulator;
-    if (argv.empty())
-        argv = {kTool};
-    else
+    Lines argv = kEmulator.empty() ? Lines{kTool} : kEmulator, w = words(request);
+    if (!kEmulator.empty())
         argv.insert(argv.end(), {"-0", kTool, probe});
-    for (const std::string& w : words(request))
-        argv.push_back(w);
-    char path[] = "/tmp/mcu_libc_XXXXXX";
-    const int fd = mkstemp(path);
+    argv.insert(argv.end(), w.begin(), w.end());
+    TempDir dir;
+    const int fd = open(dir.file("said").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     int status = -1;
     waitpid(spawn(argv, {}, fd, fd, kEmulator.empty() ? probe : ""), &status, 0);
     close(fd);
-    std::string text = read_file(path);
-    unlink(path);
+    const std::string text = read_file(dir.file("said"));
     EXPECT_EQ(status, 0) << "libc_words " << request << ": " << text;
     return said[request] = text.substr(0, text.find_last_not_of('\n') + 1);
 }
@@ -362,20 +368,6 @@ std::string normalize(const std::string& text) {
     s = std::regex_replace(s, elapse, "elapse #.### s");
     return std::regex_replace(s, build, "Build <stamp>");
 }
-
-// A scratch directory, removed at destruction.
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char tmpl[] = "/tmp/mcu_test_XXXXXX";
-        path = mkdtemp(tmpl) != nullptr ? tmpl : "/tmp/mcu_test_failed";
-    }
-    ~TempDir() {
-        std::error_code ec;
-        std::filesystem::remove_all(path, ec);
-    }
-    std::string file(const std::string& name) const { return path + "/" + name; }
-};
 
 struct RunResult {
     std::string out, err, out_at_signal;  // out_at_signal: written before the signal was sent
@@ -585,20 +577,19 @@ void run_case(const Case& c) {
     }
     for (const auto& [key, item] : c.field) {  // "NAME HEX", "NAME random N", "NAME dir"
         const Lines w = words(expand(item));
-        std::string bytes;
+        const bool folder = w.size() == 2 && w[1] == "dir";
         if (key.rfind("file", 0) != 0)
             continue;
-        if (w.size() == 2 && w[1] == "dir") {
-            mkdir(dir.file(w[0]).c_str(), 0700);
-            continue;
-        }
+        std::string bytes = w.size() == 2 && !folder ? unhex(w[1]) : "";
         for (unsigned i = 0, n = w.size() > 2 ? std::stoul(w[2]) : 0, seed = n; i < n; i++)
             bytes += static_cast<char>((seed = seed * 1103515245u + 12345u) >> 16);
-        std::ofstream(dir.file(w[0]), std::ios::binary) << (w.size() == 2 ? unhex(w[1]) : bytes);
+        if (folder)
+            mkdir(dir.file(w[0]).c_str(), 0700);
+        else
+            std::ofstream(dir.file(w[0]), std::ios::binary) << bytes;
     }
-    Lines env = mcu ? mcu->env() : Lines();
-    for (const std::string& e : words(expand(field("env"))))
-        env.push_back(e);
+    Lines env = mcu ? mcu->env() : Lines(), own = words(expand(field("env")));
+    env.insert(env.end(), own.begin(), own.end());
     RunResult held;
     std::thread holder, stopper;
     if (!field("holder").empty()) {
@@ -628,8 +619,7 @@ void run_case(const Case& c) {
         EXPECT_EQ(r.out_at_signal,
                   r.out.substr(0, r.out.find("=============================\nFen")));
     }
-    if (!field("secs").empty()) {
-        Lines s = words(field("secs"));
+    if (const Lines s = words(field("secs")); !s.empty()) {
         EXPECT_GE(r.seconds, std::stod(s[0]));
         EXPECT_LE(r.seconds, std::stod(s[1]) + 2 * tool_slack_s());
     }
@@ -649,10 +639,8 @@ void run_case(const Case& c) {
     if (!field("raw").empty()) {  // every byte the MCU's line received
         EXPECT_TRUE(read_file(dir.file("raw")) == unhex(field("raw"))) << "raw bytes";
     }
-    if (!field("received").empty()) {
-        const std::string want = field("received");
-        EXPECT_TRUE(read_file(dir.file("received.bin")) ==
-                    (want == "none" ? "" : read_file(dir.file(want))))
+    if (const std::string want = field("received"); !want.empty()) {
+        EXPECT_TRUE(read_file(dir.file("received.bin")) == read_file(dir.file(want)))
             << "the MCU does not hold " << want << " byte for byte";
     }
 }
