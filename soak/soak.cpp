@@ -76,7 +76,7 @@ void run(unsigned long long seed, unsigned index, const std::string& dir, bool q
             v = range(240, 518);         // the largest chunk that one SPI block carries
         for (int shift : {4, 0, 12, 8})  // little-endian
             hex += "0123456789ABCDEF"[v >> shift & 15];
-        chunks = f == 2 ? (image.size() + std::max(v, 240u) - 1) / std::max(v, 240u) : chunks;
+        chunks = f == 2 ? image.size() / (v + 1) + 1 : chunks;
     }
     std::string vmcu = " --timeretry '" + hex.substr(0, 2 * bytes) + "' --flash-size " +
                        std::to_string(coin(0.02) ? image.size() - 1 : 1u << 20);
