@@ -710,6 +710,7 @@ TEST_P(Descriptors, EveryPublicCallClosesWhatItOpened) {
     EXPECT_EQ(mcu_serial(), 0);
     EXPECT_EQ(mcu_reset(RESET_TYPE_DRYRUN), 0);
     EXPECT_EQ(mcu_debug_clear_stts(), 0);
+    EXPECT_EQ(mcu_debug_set_message_loopback(1), 0);
     EXPECT_EQ(mcu_monitor_message(0xFF, 1), 0);
     set_upgrade_type(UPGRADE_TYPE_FW_ONLY);
     EXPECT_EQ(mcu_upgrade(image.c_str()), 0);

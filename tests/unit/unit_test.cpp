@@ -88,13 +88,14 @@ TEST_F(Unit, TtyParseGivesUpAfterTwoFramesOfNoise) {
     close(fd);
 }
 
-TEST_F(Unit, LibraryCallsTheToolDoesNotUse) {
+TEST_F(Unit, CallsAsOtherProgramsMakeThem) {
     ST_MavlinkStts st;
     memset(&st, 0xA5, sizeof st);
     clear_stts(&st);
     EXPECT_EQ(st.txPkts + st.rxBytes + st.cmdFail + st.rxCnt[CMD_NUM_MAX - 1], 0u);
     EXPECT_EQ(my_system("exit %d", 3), 0) << "the command ran";
     EXPECT_EQ(my_system("true"), 0);
+    EXPECT_EQ(read_file("/dev/null", nullptr, 4), -1);
 }
 
 }  // namespace
