@@ -11,9 +11,6 @@
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz_quiet_init();
-    uint8_t b[2];
-    FUZZ_CHECK(string2hex("aB09", b, 2) == 2 && b[0] == 0xAB && b[1] == 0x09);
-    FUZZ_CHECK(string2hex("abc", b, 2) == -1 && string2hex("0x12", b, 2) == -1);
     return 0;
 }
 
