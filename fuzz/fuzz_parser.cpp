@@ -26,14 +26,6 @@ void accepted(const ST_MavlinkMsg& m) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz_quiet_init();
-    // A known ACK from target 1 to the tool (2), sequence 1, is accepted.
-    static const uint8_t ack[] = {0xFD, 0, 0, 1, 2, 1, 0xFE, 0xFF, 0x7B, 0x11};
-    uint8_t block[SPI_BLOCK_SIZE] = {};
-    memcpy(block, ack, sizeof ack);
-    set_comp_id(1);
-    m_tx_seq = 1;
-    m_serial_type = SERIAL_TYPE_SPI;
-    FUZZ_CHECK(mcu_recv(&m_rx_msg, block, SPI_BLOCK_SIZE) == 0 && m_rx_msg.msgid == CMD_ACK);
     return 0;
 }
 

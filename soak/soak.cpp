@@ -43,10 +43,6 @@ std::string slurp(const std::string& path) {
     return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
 }
 
-double since(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
 std::mutex g_mu;
 unsigned g_successes, g_failures, g_breaks;
 
@@ -61,8 +57,7 @@ void run(unsigned long long seed, unsigned index, const std::string& dir, bool q
     auto coin = [&](double p) { return unit() < p; };
     const bool spi = coin(0.5), fw_only = coin(0.3);
     bool app_go_faulted = false;
-    const double log_size = std::uniform_real_distribution<>(0, std::log(262145.0))(gen);
-    std::string image(std::clamp(static_cast<unsigned>(std::exp(log_size)), 1u, 262144u), 0);
+    std::string image(std::clamp(static_cast<unsigned>(std::exp(13 * unit())), 1u, 262144u), 0);
     for (char& c : image)
         c = static_cast<char>(gen());
 
@@ -136,7 +131,7 @@ void run(unsigned long long seed, unsigned index, const std::string& dir, bool q
         << "echo $? >status\nkill $vmcu\nwait $vmcu\n";
     const Clock::time_point start = Clock::now();
     const int sh = std::system(("sh '" + dir + "/run.sh'").c_str());
-    const double seconds = since(start);
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     const std::string log = slurp(dir + "/vmcu.log"), status = slurp(dir + "/status");
     const bool success =
         slurp(dir + "/tool.out").find("upgrade app.bin successfully\n") != log.npos;
@@ -200,6 +195,7 @@ int main(int argc, char** argv) {
     std::error_code no_breaks;
     std::filesystem::remove(keep, no_breaks);  // only if empty
     printf("soak: runs %u, successes %u, failures %u, rule breaks %u; wall %.1f s, seed %llu\n",
-           g_successes + g_failures, g_successes, g_failures, g_breaks, since(start), seed);
+           g_successes + g_failures, g_successes, g_failures, g_breaks,
+           std::chrono::duration<double>(Clock::now() - start).count(), seed);
     return g_breaks > 0 ? 1 : 0;
 }

@@ -29,8 +29,6 @@
 
 #include "mcu_tool2.h"
 
-extern char** environ;
-
 // mcu_get_softver opens the component's default device, /dev/ttyS2: in this
 // process that path names g_ttys2 while it is set.
 std::string g_ttys2;
@@ -286,30 +284,18 @@ double now_s() {
         .count();
 }
 
-// Starts `argv` (the program `path`, else argv[0]) with the entries of `env`
-// ("NAME=value") replacing inherited ones, standard output and error on `out`
-// and `err`.
-pid_t spawn(Lines argv, const Lines& env, int out, int err, const std::string& path = "") {
-    Lines all = env;
-    for (char** e = environ; *e != nullptr; e++) {
-        const std::string entry = *e, name = entry.substr(0, entry.find('=') + 1);
-        if (std::none_of(env.begin(), env.end(), [&](auto& x) { return x.rfind(name, 0) == 0; }))
-            all.push_back(entry);
-    }
-    std::vector<char*> a, e;
+// Starts `argv` with standard output and error on `out` and `err`.
+pid_t spawn(Lines argv, int out, int err) {
+    std::vector<char*> a;
     for (std::string& s : argv)
         a.push_back(&s[0]);
-    for (std::string& s : all)
-        e.push_back(&s[0]);
     a.push_back(nullptr);
-    e.push_back(nullptr);
-    const std::string program = path.empty() ? argv[0] : path;
     pid_t pid = fork();
     if (pid == 0) {
         dup2(out, 1);
         dup2(err, 2);
         dup2(open("/dev/null", O_RDONLY), 0);
-        execvpe(program.c_str(), a.data(), e.data());
+        execvp(a[0], a.data());
         _exit(127);
     }
     return pid;
@@ -341,14 +327,16 @@ std::string libc_words(const std::string& request) {
     if (said.count(request))
         return said[request];
     const std::string probe = env_or("MCU_LIBC_WORDS", MCU_LIBC_WORDS_PATH);
-    Lines argv = kEmulator.empty() ? Lines{kTool} : kEmulator, w = words(request);
-    if (!kEmulator.empty())
+    Lines argv = kEmulator, w = words(request);  // natively, bash's exec names it
+    if (argv.empty())
+        argv = {"bash", "-c", "exec -a \"$0\" \"$@\"", kTool, probe};
+    else
         argv.insert(argv.end(), {"-0", kTool, probe});
     argv.insert(argv.end(), w.begin(), w.end());
     TempDir dir;
     const int fd = open(dir.file("said").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     int status = -1;
-    waitpid(spawn(argv, {}, fd, fd, kEmulator.empty() ? probe : ""), &status, 0);
+    waitpid(spawn(argv, fd, fd), &status, 0);
     close(fd);
     const std::string text = read_file(dir.file("said"));
     EXPECT_EQ(status, 0) << "libc_words " << request << ": " << text;
@@ -375,29 +363,28 @@ struct RunResult {
     double seconds = 0;
 };
 
-// Runs the tool with `args` (files `name`.out and `name`.err in `dir`); `env`
-// entries ("NAME=value") replace inherited ones; `sig`, when not 0, is sent
+// Runs the tool with `args` (files `name`.out and `name`.err in `dir`) and
+// `env` ("NAME=value") added to its environment; `sig`, when not 0, is sent
 // `sig_at` seconds after the start. A tool still running after 120 s is
 // killed. A report of the wrapper or a sanitizer fails the test that ran it.
-RunResult run_tool(const TempDir& dir, const std::string& name, const Lines& args, Lines env,
+RunResult run_tool(const TempDir& dir, const std::string& name, const Lines& args, const Lines& env,
                    int sig = 0, double sig_at = 0) {
     RunResult r;
-    Lines cmd = {"timeout", "--foreground", "-s", "KILL", "120"};  // relays signals
+    Lines cmd = {"env"}, preload;  // an emulator gets the tool's LD_PRELOAD as "-E"
+    for (const std::string& e : env)
+        (!kEmulator.empty() && e.rfind("LD_PRELOAD=", 0) == 0 ? preload : cmd).push_back(e);
+    cmd.insert(cmd.end(), {"timeout", "--foreground", "-s", "KILL", "120"});  // relays signals
     const Lines wrapper = split(env_or("MCU_TOOL_WRAPPER", ""), ' ');
     cmd.insert(cmd.end(), wrapper.begin(), wrapper.end());
     cmd.insert(cmd.end(), kEmulator.begin(), kEmulator.end());
-    for (auto it = env.begin(); !kEmulator.empty() && it != env.end();) {
-        const bool preload = it->rfind("LD_PRELOAD=", 0) == 0;  // for the tool, not the emulator
-        if (preload)
-            cmd.insert(cmd.end(), {"-E", *it});
-        it = preload ? env.erase(it) : it + 1;
-    }
+    for (const std::string& p : preload)
+        cmd.insert(cmd.end(), {"-E", p});
     cmd.push_back(kTool);
     cmd.insert(cmd.end(), args.begin(), args.end());
     const int out = open(dir.file(name + ".out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     const int err = open(dir.file(name + ".err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     const double start = now_s();
-    const pid_t pid = spawn(cmd, env, out, err);
+    const pid_t pid = spawn(cmd, out, err);
     close(out);
     close(err);
     if (sig != 0) {
@@ -439,7 +426,7 @@ struct Vmcu {
         argv.insert(argv.end(), args.begin(), args.end());
         int p[2] = {-1, -1};
         if (pipe2(p, O_CLOEXEC) == 0)
-            pid = spawn(argv, {}, p[1], 2);
+            pid = spawn(argv, p[1], 2);
         close(p[1]);
         out = p[0];
         // The first line names the device: "pty: /dev/pts/N" or "spi: PATH".
