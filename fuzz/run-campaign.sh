@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# Long fuzzing campaign: run-campaign.sh TARGET|all SECONDS [BUILD_DIR]. Runs
-# each target for SECONDS (as many at once as there are cores) over a working
-# corpus seeded from fuzz/corpus/<target>, prints its executions and crashes
-# (inputs in BUILD_DIR/campaign/<target>/) and exits 1 if any crashed.
+# Long fuzzing campaign: run-campaign.sh TARGET|all SECONDS [BUILD_DIR]. Runs each target for
+# SECONDS (one a core) from fuzz/corpus/<target>, prints its executions and crashes (inputs in
+# BUILD_DIR/campaign/<target>/) and exits 1 if any crashed.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 [ $# -ge 2 ] || { echo "usage: $0 TARGET|all SECONDS [BUILD_DIR]" >&2; exit 2; }

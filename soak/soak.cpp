@@ -1,11 +1,9 @@
-// Upgrade soak: upgrades of the real tool against the virtual MCU, each with a random image,
-// upgrade parameters (the MCU's defaults, some fields drawn anywhere in 0..65535), link (pty or
-// SPI) and faults the MCU injects. The rule of every run: the tool prints "upgrade <file>
-// successfully" exactly when the MCU holds the byte-identical image, its CRC check passed and it
-// was told to start it (a fault on the answer to that start excuses a missing success line); the
-// MCU's CRC check never fails; and the tool ends with status 0 within kBoundS. Run I of seed S is
-// the same on every invocation: a script in DIR/run-I, kept with its transcripts when it breaks
-// the rule.
+// Upgrade soak: the real tool against the virtual MCU with a random image, upgrade parameters
+// (the MCU's defaults, some fields anywhere in 0..65535), link and injected faults. The rule: the
+// tool reports success exactly when the MCU holds the identical image, checked its CRC and was
+// told to start it (a fault on the answer to that start excuses a missing success line); the
+// MCU's CRC check never fails; the tool ends with status 0 within kBoundS. Run I of seed S is the
+// same on every invocation: DIR/run-I/run.sh, kept with its transcripts when it breaks the rule.
 #include <algorithm>
 #include <atomic>
 #include <chrono>

@@ -1,6 +1,5 @@
-// What the fuzz targets share: a property check that stops the run (abort,
-// so libFuzzer keeps the input), quiet output with a count of what was
-// printed, a virtual clock (pauses and time-outs cost no real time)
+// What the fuzz targets share: a property check that aborts (libFuzzer keeps
+// the input), quiet output with a count of what was printed, a virtual clock
 // and the fake MCU behind the SPI transfers (fake_kernel.cpp).
 #ifndef MCU_FUZZ_SUPPORT_H
 #define MCU_FUZZ_SUPPORT_H

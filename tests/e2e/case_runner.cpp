@@ -1,10 +1,9 @@
-// End-to-end cases (format: cases/README.md): the real binary against the
-// virtual MCU. Reading the tables comes first here, running a case after it,
-// then the library's public calls in-process. What runs comes from the
-// environment, all optional: MCU_TOOL, MCU_TOOL_EMULATOR (words before the
-// tool, which then gets its LD_PRELOAD as "-E LD_PRELOAD=..."),
-// MCU_TOOL_WRAPPER (a checker such as valgrind), MCU_VMCU_SPIDEV (the spidev
-// shim) and MCU_LIBC_WORDS (a probe built against the tool's C library).
+// End-to-end cases (cases/README.md): reading the tables, running a case, then
+// the library's public calls in-process. What runs comes from the environment,
+// all optional: MCU_TOOL, MCU_TOOL_EMULATOR (words before the tool, which gets
+// its LD_PRELOAD as "-E LD_PRELOAD=..."), MCU_TOOL_WRAPPER (e.g. valgrind),
+// MCU_VMCU_SPIDEV (the spidev shim), MCU_LIBC_WORDS (a probe built against the
+// tool's C library).
 #include <gtest/gtest.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -284,7 +283,6 @@ double now_s() {
         .count();
 }
 
-// Starts `argv` with standard output and error on `out` and `err`.
 pid_t spawn(Lines argv, int out, int err) {
     std::vector<char*> a;
     for (std::string& s : argv)
@@ -302,7 +300,7 @@ pid_t spawn(Lines argv, int out, int err) {
 }
 
 // Seconds an emulated or wrapped tool needs beyond a native one to start and
-// to end (MCU_TOOL_WRAPPER_SLACK_S, else 3 with either, 0 without).
+// end: MCU_TOOL_WRAPPER_SLACK_S, else 3 with either, 0 without.
 double tool_slack_s() {
     if (getenv("MCU_TOOL_WRAPPER") == nullptr && kEmulator.empty())
         return 0;
@@ -320,8 +318,7 @@ struct TempDir {  // a scratch directory, removed at destruction
     std::string file(const std::string& name) const { return path + "/" + name; }
 };
 
-// What the tool's C library says: "$(strerror ENOENT)", "$(getopt OPTIONS --
-// ARGS)" (the probe's output, run as the tool would be, under its name).
+// What the tool's C library says: the probe's output, run as the tool would be.
 std::string libc_words(const std::string& request) {
     static std::map<std::string, std::string> said;
     if (said.count(request))
@@ -363,10 +360,9 @@ struct RunResult {
     double seconds = 0;
 };
 
-// Runs the tool with `args` (files `name`.out and `name`.err in `dir`) and
-// `env` ("NAME=value") added to its environment; `sig`, when not 0, is sent
-// `sig_at` seconds after the start. A tool still running after 120 s is
-// killed. A report of the wrapper or a sanitizer fails the test that ran it.
+// Runs the tool with `args` and `env` ("NAME=value") into `name`.out and .err
+// in `dir`, sending `sig` (if not 0) `sig_at` seconds after the start. A report
+// of the wrapper or a sanitizer fails the test; the tool is killed after 120 s.
 RunResult run_tool(const TempDir& dir, const std::string& name, const Lines& args, const Lines& env,
                    int sig = 0, double sig_at = 0) {
     RunResult r;
@@ -410,8 +406,7 @@ RunResult run_tool(const TempDir& dir, const std::string& name, const Lines& arg
     return r;
 }
 
-// The virtual MCU as a child process, on a pseudo-terminal or behind the
-// emulated /dev/spidev0.0, logging into the case's scratch directory.
+// The virtual MCU on a pseudo-terminal or behind the emulated /dev/spidev0.0.
 struct Vmcu {
     const TempDir& dir;
     const bool spi;
@@ -444,8 +439,7 @@ struct Vmcu {
             close(out);
         pid = -1;
     }
-    // What the tool needs to reach it: the SPI emulation, which comes before
-    // a sanitized tool's runtime.
+    // What the tool needs to reach it (the emulation comes before ASan's runtime).
     Lines env() const {
         if (!spi)
             return {};
@@ -646,15 +640,12 @@ INSTANTIATE_TEST_SUITE_P(E2e, Cases, testing::ValuesIn(read_cases()),
                              return n;
                          });
 
-// No descriptor outlives the link: the library's public calls, in this
-// process, against the virtual MCU. The spidev emulation is preloaded into
-// this process (its children get it only where a case asks), so
-// /dev/spidev0.0 reaches the vmcu whose socket VMCU_SPI_SOCKET names.
+// No descriptor outlives the link: the library's public calls in this process
+// (the spidev emulation preloaded; its children get it only where a case asks).
 struct ChildrenWithoutPreload {
     ChildrenWithoutPreload() { unsetenv("LD_PRELOAD"); }
 } children_without_preload;
 
-// What the descriptors of this process refer to.
 std::multiset<std::string> open_descriptors() {
     std::multiset<std::string> fds;
     std::error_code ec;

@@ -33,9 +33,6 @@ protected:
         pfn_print = capture;
         g_diag.clear();
         set_comp_id(1);
-        m_tx_seq = 0;
-        m_crc_extra = 0;
-        clear_stts(&m_stts);
     }
     void TearDown() override { pfn_print = printf; }
 };
