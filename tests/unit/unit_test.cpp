@@ -49,10 +49,11 @@ TEST_F(Unit, HexConversionStopsAtTheCapacity) {
     EXPECT_NE(g_diag.find("buffer too small 3 < 5"), std::string::npos) << g_diag;
 }
 
-TEST_F(Unit, TtyParseGivesUpAfterTwoFramesOfNoise) {
-    const std::vector<uint8_t> ack = {0xFD, 0x00, 0x00, 0x01, 0x02, 0x01, 0xFE, 0xFF, 0x7B, 0x11};
-    std::vector<uint8_t> stream(2 * 65010 + 100, 0x00);
-    stream.insert(stream.end(), ack.begin(), ack.end());
+TEST_F(Unit, TtyParseGivesUpAfterTwoFramesOfNoiseAndTakesTheLargestFrame) {
+    std::vector<uint8_t> stream(2 * 65010 + 100, 0x00), chunk(65000, 0x3C);
+    const int n = mcu_package(CMD_DOWNLOADING, chunk.data(), 65000);  // to the target, as sent
+    const uint8_t* frame = reinterpret_cast<const uint8_t*>(&m_tx_msg);
+    stream.insert(stream.end(), frame, frame + n);
     char path[] = "/tmp/mcu_tty_XXXXXX";
     int fd = mkstemp(path);
     ASSERT_GE(fd, 0);
@@ -61,12 +62,13 @@ TEST_F(Unit, TtyParseGivesUpAfterTwoFramesOfNoise) {
     lseek(fd, 0, SEEK_SET);
     m_serial_type = SERIAL_TYPE_TTY;
     m_serial_fd = fd;
-    m_tx_seq = 1;  // an ACK from the target (1) to the tool (2)
+    m_sys_id_check = m_comp_id_check = 0;
     EXPECT_EQ(mcu_recv(&m_rx_msg, nullptr, 0), -1);
     EXPECT_NE(g_diag.find("no frame within 130020 bytes"), std::string::npos) << g_diag;
     EXPECT_EQ(mcu_recv(&m_rx_msg, nullptr, 0), 0) << g_diag;
-    EXPECT_EQ(m_rx_msg.msgid, CMD_ACK);
+    EXPECT_EQ(m_rx_msg.msgid, CMD_DOWNLOADING);
     m_serial_fd = -1;
+    m_sys_id_check = m_comp_id_check = 1;
     close(fd);
 }
 
