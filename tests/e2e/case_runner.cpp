@@ -278,11 +278,6 @@ std::vector<Case> read_cases() {
 
 // ------------------------------------------------------------- running them
 
-double now_s() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
 pid_t spawn(Lines argv, int out, int err) {
     std::vector<char*> a;
     for (std::string& s : argv)
@@ -379,7 +374,7 @@ RunResult run_tool(const TempDir& dir, const std::string& name, const Lines& arg
     cmd.insert(cmd.end(), args.begin(), args.end());
     const int out = open(dir.file(name + ".out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     const int err = open(dir.file(name + ".err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    const double start = now_s();
+    const auto start = std::chrono::steady_clock::now();
     const pid_t pid = spawn(cmd, out, err);
     close(out);
     close(err);
@@ -390,7 +385,7 @@ RunResult run_tool(const TempDir& dir, const std::string& name, const Lines& arg
     }
     int status = 0;
     waitpid(pid, &status, 0);
-    r.seconds = now_s() - start;
+    r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     r.out = read_file(dir.file(name + ".out"));
     r.err = read_file(dir.file(name + ".err"));

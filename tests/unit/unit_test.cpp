@@ -34,7 +34,10 @@ protected:
         g_diag.clear();
         set_comp_id(1);
     }
-    void TearDown() override { pfn_print = printf; }
+    void TearDown() override {
+        pfn_print = printf;
+        m_sys_id_check = m_comp_id_check = 1;
+    }
 };
 
 TEST_F(Unit, HexConversionStopsAtTheCapacity) {
@@ -68,7 +71,6 @@ TEST_F(Unit, TtyParseGivesUpAfterTwoFramesOfNoiseAndTakesTheLargestFrame) {
     EXPECT_EQ(mcu_recv(&m_rx_msg, nullptr, 0), 0) << g_diag;
     EXPECT_EQ(m_rx_msg.msgid, CMD_DOWNLOADING);
     m_serial_fd = -1;
-    m_sys_id_check = m_comp_id_check = 1;
     close(fd);
 }
 
