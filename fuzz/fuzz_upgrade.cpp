@@ -1,9 +1,9 @@
 // Upgrade parameter records and images.
 // Input: a 16-byte parameter record, the chunk size (2 bytes), the number of
 // fake-MCU choices (1 byte), those choices (see FakeMcu), then the image.
-// Properties: the limit step leaves every field within its bounds and an
-// in-range field unchanged; programming over SPI that reports success has
-// delivered the image byte for byte, in order, each chunk once.
+// Properties: programming over SPI (with the retries of the limited record)
+// that reports success has delivered the image byte for byte, in order, each
+// chunk once.
 
 #include "fuzz_support.h"
 
@@ -18,17 +18,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ST_TimeRetryCmd cmd;
     memcpy(&cmd, data, sizeof cmd);
     mcu_limit_upgrade_param(&cmd);
-    // Program time-out, retries, chunk size, erase, CRC check, app start and
-    // bootloader time-outs, message time-out: wire order.
-    const int bounds[8][2] = {{1000, 3000}, {2, 6},     {240, MAVLINK_MAX_PAYLOAD},
-                              {20, 60},     {2, 6},     {2, 6},
-                              {2, 6},       {500, 1500}};
-    for (int i = 0; i < 8; i++) {
-        const int in = data[2 * i] | (data[2 * i + 1] << 8);
-        const int out = reinterpret_cast<const uint16_t*>(&cmd)[i];
-        FUZZ_CHECK(out >= bounds[i][0] && out <= bounds[i][1]);
-        FUZZ_CHECK(in < bounds[i][0] || in > bounds[i][1] || out == in);
-    }
     FakeMcu& f = g_fake_mcu = FakeMcu();
     f.script.assign(data + 19, data + 19 + data[18]);
     const uint8_t* image = data + 19 + data[18];

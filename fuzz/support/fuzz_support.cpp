@@ -38,22 +38,6 @@ size_t fuzz_diag_bytes(void) {
     return n;
 }
 
-void fuzz_check_accepted(const ST_MavlinkMsg& m) {
-    const uint8_t* w = reinterpret_cast<const uint8_t*>(&m);
-    const int len = frame_payload_len(&m);
-    FUZZ_CHECK(m.magic == 0xFD && len <= MAVLINK_MAX_PAYLOAD);
-    FUZZ_CHECK(m.csum == sum_u8(w, 7));
-    if (m_crc_check) {
-        uint16_t crc = crc_calculate(w + 1, 7 + len);
-        crc_accumulate(msg_crcs[m.msgid], &crc);
-        FUZZ_CHECK(m.crc == crc && (w[8 + len] | (w[9 + len] << 8)) == crc);
-    }
-    FUZZ_CHECK(!m_sys_id_check || m.sysid == m_comp_id);
-    FUZZ_CHECK(!m_comp_id_check || m.compid == m_sys_id);
-    FUZZ_CHECK(!m_seq_check || m.seq == m_tx_seq);
-    FUZZ_CHECK(!m_msgid_check || m.msgid >= CMD_HEARBEAT);
-}
-
 // Virtual clock: each reading advances it by 1 ms (so every time-out runs
 // out), each pause by its length.
 extern "C" int gettimeofday(struct timeval* __restrict tv, void* __restrict) noexcept {

@@ -1,7 +1,5 @@
-// What the fuzz targets share: a property check that stops the run (abort,
-// so libFuzzer keeps the input), quiet output with a count of what was
-// printed, the check that an accepted frame passes every receive check the
-// parser states, a virtual clock (pauses and time-outs cost no real time)
+// What the fuzz targets share: a property check that aborts (libFuzzer keeps
+// the input), quiet output with a count of what was printed, a virtual clock
 // and the fake MCU behind the SPI transfers (fake_kernel.cpp).
 #ifndef MCU_FUZZ_SUPPORT_H
 #define MCU_FUZZ_SUPPORT_H
@@ -19,7 +17,6 @@
 [[noreturn]] void fuzz_fail(const char* file, int line, const char* cond);
 void fuzz_quiet_init(void);    // standard output to /dev/null, diagnostics counted
 size_t fuzz_diag_bytes(void);  // bytes of diagnostics since the last call
-void fuzz_check_accepted(const ST_MavlinkMsg& m);
 
 struct FakeMcu {
     std::vector<uint8_t> script;  // one choice per request: <230 success, 230-239 a result

@@ -1,20 +1,13 @@
-// Table-driven end-to-end cases (e2e/cases/*.cases): each runs the real binary
-// against the virtual MCU on every link it names and compares the whole
-// transcript, the exit status, the frames the MCU received (and their gaps)
-// and the image it stored. A case is "=== title", fields, then sections.
-// Fields (fields above a file's first case are its defaults): links: tty spi|none;
-// mcu: (the virtual MCU's options; $START+MS: after the tool's start-up);
-// args: (after "-id 0xA -dev $DEV" unless they name $DEV; 'a b' is one word;
-// $S+N: N seconds after start-up); file:, file2:... NAME HEX|random N|dir;
-// env:; status:; secs: MIN MAX; signal: INT|TERM S; mcu-stop: S; holder: ARGS
-// (a first tool on the device); received: FILE|none; each: K=V ... | K=V ...
-// (one case per alternative); gaps: A>B>=MS|#N>=MS (TTY frame gaps); raw: HEX
-// (every byte received); emulator: WHY (skipped under qemu).
-// Sections: out: err: frames: log: holder-out:, first line after the colon or
-// below. "tty|"/"spi|" lines count on that link only; "@stats ...", "@empty"
-// and "=== @name" pieces stand for their lines.
+// End-to-end cases (cases/README.md): reading the tables, running a case, then
+// the library's public calls in-process. What runs comes from the environment,
+// all optional: MCU_TOOL, MCU_TOOL_EMULATOR (words before the tool, which gets
+// its LD_PRELOAD as "-E LD_PRELOAD=..."), MCU_TOOL_WRAPPER (e.g. valgrind),
+// MCU_VMCU_SPIDEV (the spidev shim), MCU_LIBC_WORDS (a probe built against the
+// tool's C library).
 #include <gtest/gtest.h>
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <stdarg.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -35,13 +28,28 @@
 
 #include "mcu_tool2.h"
 
+// mcu_get_softver opens the component's default device, /dev/ttyS2: in this
+// process that path names g_ttys2 while it is set.
+std::string g_ttys2;
+extern "C" int open(const char* path, int flags, ...) {
+    static const auto next =
+        reinterpret_cast<int (*)(const char*, int, ...)>(dlsym(RTLD_NEXT, "open"));
+    va_list ap;
+    va_start(ap, flags);
+    const mode_t mode = flags & (O_CREAT | O_TMPFILE) ? va_arg(ap, mode_t) : 0;
+    va_end(ap);
+    return next(!g_ttys2.empty() && strcmp(path, "/dev/ttyS2") == 0 ? g_ttys2.c_str() : path, flags,
+                mode);
+}
+
 namespace {
 
 using Lines = std::vector<std::string>;
+using Params = std::map<std::string, std::string>;
 
-double now_s() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
+std::string env_or(const char* name, const char* fallback) {
+    const char* v = getenv(name);
+    return v != nullptr && *v ? v : fallback;
 }
 
 Lines split(const std::string& text, char sep) {
@@ -53,46 +61,278 @@ Lines split(const std::string& text, char sep) {
     return words;
 }
 
-// Starts `program` with `args` after `cmd` (a wrapper), behind the cross
-// build's emulator when there is one (which then gets LD_PRELOAD for the
-// emulated program only), with `env` ("NAME=value") in its environment and
-// standard output and error on `out` and `err`.
-pid_t spawn(const Lines& cmd, const std::string& program, const Lines& args, Lines env, int out,
-            int err) {
-    Lines emulator = split(MCU_EMULATOR, '|');
-    for (auto it = env.begin(); !emulator.empty() && it != env.end();) {
-        if (it->rfind("LD_PRELOAD=", 0) == 0) {
-            emulator.insert(emulator.end(), {"-E", *it});
-            it = env.erase(it);
-        } else {
-            ++it;
+const std::string kTool = env_or("MCU_TOOL", MCU_TOOL_PATH);
+const std::string kSpidev = env_or("MCU_VMCU_SPIDEV", MCU_VMCU_SPIDEV_PATH);
+const Lines kEmulator = split(env_or("MCU_TOOL_EMULATOR", ""), ' ');
+
+std::string read_file(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
+}
+
+// Words of a line: 'a  b' is one word with its blanks, '' an empty one.
+Lines words(const std::string& text) {
+    Lines w;
+    bool quoted = false, fresh = true;
+    for (char c : text) {
+        if (c == ' ' && !quoted) {
+            fresh = true;
+            continue;
+        }
+        if (fresh)
+            w.emplace_back();
+        fresh = false;
+        if (c == '\'')
+            quoted = !quoted;
+        else
+            w.back() += c;
+    }
+    return w;
+}
+
+void replace_all(std::string* s, const std::string& from, const std::string& to) {
+    for (size_t p = 0; (p = s->find(from, p)) != std::string::npos; p += to.size())
+        s->replace(p, from.size(), to);
+}
+
+// ---------------------------------------------------------------- the tables
+
+struct Case {
+    std::string name, link;  // link: "tty", "spi" or "" (no device)
+    std::map<std::string, std::string> field;
+    std::map<std::string, Lines> section;
+};
+
+struct Piece {
+    Lines names;  // parameters in call order
+    Params defaults;
+    Lines body;
+};
+using Pieces = std::map<std::string, Piece>;
+using Blocks = std::vector<std::pair<std::string, Lines>>;
+
+[[noreturn]] void table_error(const std::string& where, const std::string& what) {
+    fprintf(stderr, "case tables, %s: %s\n", where.c_str(), what.c_str());
+    exit(2);
+}
+
+// The "=== title" blocks of a file without '#' lines, trailing blank lines
+// and a section's first line put below its name; returns the lines above them.
+Lines read_blocks(const std::string& path, Blocks* blocks) {
+    static const std::regex first(R"(^((tty|spi)\|)?(out|err|frames|log|holder-out): (.*)$)");
+    std::istringstream in(read_file(path));
+    Lines top, *to = &top;
+    std::smatch m;
+    for (std::string l; std::getline(in, l);) {
+        if (l.rfind("=== ", 0) == 0)
+            to = &blocks->emplace_back(l.substr(4), Lines()).second;
+        else if (std::regex_match(l, m, first))
+            to->insert(to->end(), {m[1].str() + m[3].str() + ":", m[1].str() + m[4].str()});
+        else if (l[0] != '#' && (to != &top || !l.empty()))
+            to->push_back(l);
+    }
+    for (auto& b : *blocks)
+        while (!b.second.empty() && b.second.back().empty())
+            b.second.pop_back();
+    return top;
+}
+
+Pieces read_pieces(const std::string& path) {
+    Blocks blocks;
+    read_blocks(path, &blocks);
+    Pieces pieces;
+    for (auto& [title, body] : blocks) {
+        Lines w = words(title);
+        if (w.empty() || w[0][0] != '@' || pieces.count(w[0]))
+            table_error(path, "a second piece or no piece name: " + title);
+        Piece& p = pieces[w[0]];
+        p.body = body;
+        for (size_t i = 1; i < w.size(); i++) {
+            p.names.push_back(w[i].substr(0, w[i].find('=')));
+            if (w[i].find('=') != std::string::npos)
+                p.defaults[p.names.back()] = w[i].substr(w[i].find('=') + 1);
         }
     }
-    Lines all = {"env"};
-    for (const Lines& part : {env, cmd, emulator, {program}, args})
-        all.insert(all.end(), part.begin(), part.end());
-    std::vector<char*> argv;
-    for (std::string& a : all)
-        argv.push_back(&a[0]);
-    argv.push_back(nullptr);
+    return pieces;
+}
+
+// {K} replaced by the parameter's value, {K:W} by it right-aligned in W columns.
+std::string substitute(const std::string& line, const Params& params) {
+    static const std::regex ref(R"(\{([A-Z0-9_]+)(:([0-9]+))?\})");
+    std::string out;
+    auto tail = line.cbegin();
+    for (std::sregex_iterator it(line.begin(), line.end(), ref), end; it != end; ++it) {
+        const auto& m = *it;
+        auto p = params.find(m[1]);
+        std::string v = p == params.end() ? m[0].str() : p->second;
+        if (p != params.end() && m[3].matched && v.size() < std::stoul(m[3]))
+            v.insert(0, std::stoul(m[3]) - v.size(), ' ');
+        out.append(tail, m[0].first) += v;
+        tail = m[0].second;
+    }
+    return out.append(tail, line.cend());
+}
+
+// The lines on `link` ("tty|" and "spi|" lines of the other left out) with
+// each "@piece ARGS" line replaced by the piece's lines. A piece sees its
+// caller's parameters; a positional argument "a:b,c:d" calls it once per item.
+Lines expand(const Lines& lines, const Pieces& pieces, const Params& outer, const std::string& link,
+             const std::string& where) {
+    Lines out;
+    for (const std::string& l : lines) {
+        const bool own = l.size() > 3 && l[3] == '|';
+        if (own && l.substr(0, 3) != link)
+            continue;
+        const std::string rest = l.substr(own ? 4 : 0);
+        if (rest.empty() || rest[0] != '@' || rest == "@empty") {
+            out.push_back(rest == "@empty" ? "" : rest);
+            continue;
+        }
+        const Lines w = words(rest);
+        if (!pieces.count(w[0]))
+            table_error(where, "no piece " + w[0]);
+        const Piece& p = pieces.at(w[0]);
+        Params base = p.defaults;
+        Lines items = {""};
+        for (const auto& kv : outer)
+            base[kv.first] = kv.second;
+        for (size_t i = 1; i < w.size(); i++) {
+            const std::string name = w[i].substr(0, w[i].find('='));
+            if (name == w[i])
+                items = split(w[i], ',');
+            else if (std::find(p.names.begin(), p.names.end(), name) == p.names.end())
+                table_error(where, w[0] + " has no parameter " + name);
+            else
+                base[name] = w[i].substr(name.size() + 1);
+        }
+        for (const std::string& item : items) {
+            Params params = base;
+            Lines values = split(item, ':'), body;
+            for (size_t i = 0; i < values.size() && i < p.names.size(); i++)
+                params[p.names[i]] = values[i];
+            const bool all = std::all_of(p.names.begin(), p.names.end(),
+                                         [&](auto& n) { return params.count(n); });
+            for (const std::string& b : all ? p.body : Lines())  // a parameter missing: nothing
+                body.push_back(substitute(b, params));
+            for (const std::string& e : expand(body, pieces, params, link, where))
+                out.push_back(e);
+        }
+    }
+    return out;
+}
+
+// Every case of the tables once per "each:" alternative and per link; a
+// case's fields come before its sections.
+std::vector<Case> read_cases() {
+    static const std::regex section("(out|err|frames|log|holder-out):"), trim("^ +| +$");
+    const Pieces pieces = read_pieces(MCU_CASES_DIR "/pieces");
+    std::set<std::filesystem::path> files;
+    for (const auto& f : std::filesystem::directory_iterator(MCU_CASES_DIR))
+        if (f.path().extension() == ".cases")
+            files.insert(f.path());
+    std::vector<Case> cases;
+    for (const auto& f : files) {
+        Blocks blocks;
+        const Lines defaults = read_blocks(f, &blocks);
+        for (const auto& [title, own] : blocks) {
+            if (title.empty() || title[0] == '@')
+                table_error(f, "pieces belong in the pieces file: " + title);
+            Lines lines = defaults;
+            lines.insert(lines.end(), own.begin(), own.end());
+            std::string each, links = "none";
+            for (const std::string& l : lines) {
+                each = l.rfind("each: ", 0) == 0 ? l.substr(6) : each;
+                links = l.rfind("links: ", 0) == 0 ? l.substr(7) : links;
+            }
+            for (const std::string& alt : each.empty() ? Lines{""} : split(each, '|')) {
+                Params params;
+                for (const std::string& kv : words(alt))
+                    params[kv.substr(0, kv.find('='))] = kv.substr(kv.find('=') + 1);
+                Lines v;
+                for (const std::string& l : lines)
+                    v.push_back(substitute(l, params));
+                const std::string name =
+                    title + (alt.empty() ? "" : " (" + std::regex_replace(alt, trim, "") + ")");
+                for (const std::string& link : words(links)) {
+                    Case c{name, link == "none" ? "" : link, {}, {}};
+                    c.name += c.link.empty() ? "" : " [" + link + "]";
+                    std::string current;  // the section being read
+                    for (const std::string& l : expand(v, pieces, {}, c.link, title)) {
+                        if (std::regex_match(l, section))
+                            c.section[current = l.substr(0, l.size() - 1)];
+                        else if (!current.empty())
+                            c.section[current].push_back(l);
+                        else if (l.find(": ") != std::string::npos)
+                            c.field[l.substr(0, l.find(": "))] = l.substr(l.find(": ") + 2);
+                    }
+                    for (auto& sec : c.section)  // blank lines only separate cases
+                        while (!sec.second.empty() && sec.second.back().empty())
+                            sec.second.pop_back();
+                    cases.push_back(c);
+                }
+            }
+        }
+    }
+    return cases;
+}
+
+// ------------------------------------------------------------- running them
+
+pid_t spawn(Lines argv, int out, int err) {
+    std::vector<char*> a;
+    for (std::string& s : argv)
+        a.push_back(&s[0]);
+    a.push_back(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
         dup2(out, 1);
         dup2(err, 2);
         dup2(open("/dev/null", O_RDONLY), 0);
-        execvp(argv[0], argv.data());
+        execvp(a[0], a.data());
         _exit(127);
     }
     return pid;
 }
 
-// Seconds a wrapped tool needs beyond a native one to start and to end
-// (MCU_TOOL_WRAPPER_SLACK_S, else 3 with a wrapper, 0 without).
+// Seconds an emulated or wrapped tool needs beyond a native one to start and
+// end: MCU_TOOL_WRAPPER_SLACK_S, else 3 with either, 0 without.
 double tool_slack_s() {
-    const char* slack = getenv("MCU_TOOL_WRAPPER_SLACK_S");
-    if (getenv("MCU_TOOL_WRAPPER") == nullptr || !*getenv("MCU_TOOL_WRAPPER"))
+    if (getenv("MCU_TOOL_WRAPPER") == nullptr && kEmulator.empty())
         return 0;
-    return slack != nullptr && *slack ? atof(slack) : 3.0;
+    return std::stod(env_or("MCU_TOOL_WRAPPER_SLACK_S", "3"));
+}
+
+useconds_t after(double s) {
+    return static_cast<useconds_t>((s + tool_slack_s()) * 1e6);
+}
+
+struct TempDir {  // a scratch directory, removed at destruction
+    std::string path = mkdtemp(std::string("/tmp/mcu_test_XXXXXX").data());
+    std::error_code ec;
+    ~TempDir() { std::filesystem::remove_all(path, ec); }
+    std::string file(const std::string& name) const { return path + "/" + name; }
+};
+
+// What the tool's C library says: the probe's output, run as the tool would be.
+std::string libc_words(const std::string& request) {
+    static std::map<std::string, std::string> said;
+    if (said.count(request))
+        return said[request];
+    const std::string probe = env_or("MCU_LIBC_WORDS", MCU_LIBC_WORDS_PATH);
+    Lines argv = kEmulator, w = words(request);  // natively, bash's exec names it
+    if (argv.empty())
+        argv = {"bash", "-c", "exec -a \"$0\" \"$@\"", kTool, probe};
+    else
+        argv.insert(argv.end(), {"-0", kTool, probe});
+    argv.insert(argv.end(), w.begin(), w.end());
+    TempDir dir;
+    const int fd = open(dir.file("said").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    int status = -1;
+    waitpid(spawn(argv, fd, fd), &status, 0);
+    close(fd);
+    const std::string text = read_file(dir.file("said"));
+    EXPECT_EQ(status, 0) << "libc_words " << request << ": " << text;
+    return said[request] = text.substr(0, text.find_last_not_of('\n') + 1);
 }
 
 // Source lines of diagnostics, trace stamps, the statistics' elapsed time and
@@ -109,45 +349,33 @@ std::string normalize(const std::string& text) {
     return std::regex_replace(s, build, "Build <stamp>");
 }
 
-std::string read_file(const std::string& path) {
-    std::ifstream f(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
-}
-
-// A scratch directory, removed at destruction.
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char tmpl[] = "/tmp/mcu_test_XXXXXX";
-        path = mkdtemp(tmpl) != nullptr ? tmpl : "/tmp/mcu_test_failed";
-    }
-    ~TempDir() {
-        std::error_code ec;
-        std::filesystem::remove_all(path, ec);
-    }
-    std::string file(const std::string& name) const { return path + "/" + name; }
-};
-
 struct RunResult {
     std::string out, err, out_at_signal;  // out_at_signal: written before the signal was sent
     int status = -1;                      // exit status, or 128 + signal
     double seconds = 0;
 };
 
-// Runs the tool with `args` (files `name`.out and `name`.err in `dir`); `env`
-// entries ("NAME=value") replace inherited ones; `sig`, when not 0, is sent
-// `sig_at` seconds after the start. A tool still running after 120 s is
-// killed. A report of the wrapper or a sanitizer fails the test that ran it.
+// Runs the tool with `args` and `env` ("NAME=value") into `name`.out and .err
+// in `dir`, sending `sig` (if not 0) `sig_at` seconds after the start. A report
+// of the wrapper or a sanitizer fails the test; the tool is killed after 120 s.
 RunResult run_tool(const TempDir& dir, const std::string& name, const Lines& args, const Lines& env,
                    int sig = 0, double sig_at = 0) {
     RunResult r;
-    const char* wrapper = getenv("MCU_TOOL_WRAPPER");
-    Lines cmd = split(wrapper != nullptr ? wrapper : "", ' ');
-    cmd.insert(cmd.begin(), {"timeout", "--foreground", "-s", "KILL", "120"});  // relays signals
+    Lines cmd = {"env"}, preload;  // an emulator gets the tool's LD_PRELOAD as "-E"
+    for (const std::string& e : env)
+        (!kEmulator.empty() && e.rfind("LD_PRELOAD=", 0) == 0 ? preload : cmd).push_back(e);
+    cmd.insert(cmd.end(), {"timeout", "--foreground", "-s", "KILL", "120"});  // relays signals
+    const Lines wrapper = split(env_or("MCU_TOOL_WRAPPER", ""), ' ');
+    cmd.insert(cmd.end(), wrapper.begin(), wrapper.end());
+    cmd.insert(cmd.end(), kEmulator.begin(), kEmulator.end());
+    for (const std::string& p : preload)
+        cmd.insert(cmd.end(), {"-E", p});
+    cmd.push_back(kTool);
+    cmd.insert(cmd.end(), args.begin(), args.end());
     const int out = open(dir.file(name + ".out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     const int err = open(dir.file(name + ".err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    const double start = now_s();
-    const pid_t pid = spawn(cmd, MCU_TOOL_PATH, args, env, out, err);
+    const auto start = std::chrono::steady_clock::now();
+    const pid_t pid = spawn(cmd, out, err);
     close(out);
     close(err);
     if (sig != 0) {
@@ -157,17 +385,14 @@ RunResult run_tool(const TempDir& dir, const std::string& name, const Lines& arg
     }
     int status = 0;
     waitpid(pid, &status, 0);
-    r.seconds = now_s() - start;
+    r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     r.out = read_file(dir.file(name + ".out"));
     r.err = read_file(dir.file(name + ".err"));
     // The wrapper's own lines start with "==<pid>=="; it exits 99 on a finding.
     static const std::regex report_line(R"(^==[0-9]+==.*\n?)", std::regex::multiline);
-    std::string report;
-    for (std::sregex_iterator it(r.err.begin(), r.err.end(), report_line), end; it != end; ++it)
-        report += it->str();
-    if (cmd.size() > 5 && (!report.empty() || r.status == 99))
-        ADD_FAILURE() << "report from " << cmd[5] << " (status " << r.status << "):\n" << report;
+    if (!wrapper.empty() && (std::regex_search(r.err, report_line) || r.status == 99))
+        ADD_FAILURE() << "report from " << wrapper[0] << " (status " << r.status << "):\n" << r.err;
     r.err = std::regex_replace(r.err, report_line, "");
     if (r.err.find("Sanitizer") != std::string::npos || r.err.find("runtime error:") != r.err.npos)
         ADD_FAILURE() << "sanitizer report from the tool:\n" << r.err;
@@ -176,8 +401,7 @@ RunResult run_tool(const TempDir& dir, const std::string& name, const Lines& arg
     return r;
 }
 
-// The virtual MCU as a child process, on a pseudo-terminal or behind the
-// emulated /dev/spidev0.0, logging into the case's scratch directory.
+// The virtual MCU on a pseudo-terminal or behind the emulated /dev/spidev0.0.
 struct Vmcu {
     const TempDir& dir;
     const bool spi;
@@ -185,14 +409,14 @@ struct Vmcu {
     pid_t pid = -1;
     int out = -1;
     Vmcu(const TempDir& dir, bool spi, const Lines& args) : dir(dir), spi(spi) {
-        Lines argv = {spi ? "--spi" : "--pty"};
+        Lines argv = {MCU_VMCU_PATH, spi ? "--spi" : "--pty"};
         if (spi)
             argv.push_back(dir.file("spi.sock"));
         argv.insert(argv.end(), {"--log", dir.file("vmcu.log")});
         argv.insert(argv.end(), args.begin(), args.end());
         int p[2] = {-1, -1};
         if (pipe2(p, O_CLOEXEC) == 0)
-            pid = spawn({}, MCU_VMCU_PATH, argv, {}, p[1], 2);
+            pid = spawn(argv, p[1], 2);
         close(p[1]);
         out = p[0];
         // The first line names the device: "pty: /dev/pts/N" or "spi: PATH".
@@ -210,16 +434,12 @@ struct Vmcu {
             close(out);
         pid = -1;
     }
-    // What the tool needs to reach it: the SPI emulation, which comes before
-    // a sanitized tool's runtime.
+    // What the tool needs to reach it (the emulation comes before ASan's runtime).
     Lines env() const {
-        const char* asan = getenv("ASAN_OPTIONS");
         if (!spi)
             return {};
-        return {std::string("LD_PRELOAD=") + MCU_VMCU_SPIDEV_PATH,
-                "VMCU_SPI_SOCKET=" + dir.file("spi.sock"),
-                "ASAN_OPTIONS=" + std::string(asan != nullptr ? asan : "") +
-                    ":verify_asan_link_order=0"};
+        return {"LD_PRELOAD=" + kSpidev, "VMCU_SPI_SOCKET=" + dir.file("spi.sock"),
+                "ASAN_OPTIONS=" + env_or("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"};
     }
     Lines log(const std::string& prefix = "") const {  // its lines that start so, without it
         Lines out;
@@ -229,168 +449,6 @@ struct Vmcu {
         return out;
     }
 };
-
-struct Case {
-    std::string name, link;  // link: "tty", "spi" or "" (no device)
-    std::map<std::string, std::string> field;
-    std::map<std::string, Lines> section;
-};
-
-std::string link_of(const std::string& line) {
-    return line.size() > 3 && line[3] == '|' ? line.substr(0, 3) : "";
-}
-
-Lines words(const std::string& text) {
-    Lines w;
-    std::istringstream ss(text);
-    for (std::string s, more; ss >> s;) {
-        // 'a b' and K='a b' are one word with the blank, '' an empty one.
-        while (std::count(s.begin(), s.end(), '\'') % 2 == 1 && ss >> more)
-            s += " " + more;
-        s.erase(std::remove(s.begin(), s.end(), '\''), s.end());
-        w.push_back(s);
-    }
-    return w;
-}
-
-void replace_all(std::string* s, const std::string& from, const std::string& to) {
-    for (size_t p = 0; (p = s->find(from, p)) != std::string::npos; p += to.size())
-        s->replace(p, from.size(), to);
-}
-
-// The lines with pieces spliced in, a piece's lines under the link of the line
-// that names it (those of another link left out).
-Lines splice(const Lines& lines, const std::map<std::string, Lines>& pieces,
-             const std::string& link) {
-    Lines out;
-    for (const std::string& l : lines) {
-        const std::string own = link_of(l);
-        if (!own.empty() && !link.empty() && own != link)
-            continue;
-        auto piece = pieces.find(l.substr(own.empty() ? 0 : 4));
-        if (piece != pieces.end()) {
-            for (const std::string& p : splice(piece->second, pieces, own.empty() ? link : own))
-                out.push_back(p);
-        } else {
-            out.push_back(link.empty() || !own.empty() ? l : link + "|" + l);
-        }
-    }
-    return out;
-}
-
-// Every case once per alternative and per link.
-std::vector<Case> load_cases() {
-    static const std::regex first_line(R"(^((tty|spi)\|)?(out|err|frames|log|holder-out): (.*)$)"),
-        header("(out|err|frames|log|holder-out):"), trim("^ +| +$");
-    std::map<std::string, Lines> pieces;
-    std::vector<std::pair<std::string, Lines>> variants;
-    std::set<std::filesystem::path> files(std::filesystem::directory_iterator(MCU_CASES_DIR), {});
-    for (const auto& f : files) {
-        std::istringstream in(read_file(f));
-        Lines defaults;  // fields above the file's first case
-        Lines* block = nullptr;
-        bool piece = false;  // blank lines only end a piece
-        std::smatch m;
-        for (std::string l; std::getline(in, l);) {
-            if (l.rfind("=== ", 0) == 0 && (piece = l[4] == '@'))
-                block = &pieces[l.substr(4)];
-            else if (l.rfind("=== ", 0) == 0)
-                block = &variants.emplace_back(l.substr(4), defaults).second;
-            else if (block == nullptr && !l.empty() && l[0] != '#')
-                defaults.push_back(l);
-            else if (block != nullptr && std::regex_match(l, m, first_line))
-                block->insert(block->end(),
-                              {m[1].str() + m[3].str() + ":", m[1].str() + m[4].str()});
-            else if (block != nullptr && l[0] != '#' && !(l.empty() && piece))
-                block->push_back(l);
-        }
-    }
-    std::vector<Case> cases;
-    for (auto& [title, b] : variants) {
-        std::vector<std::pair<std::string, Lines>> alternatives;
-        auto each =
-            std::find_if(b.begin(), b.end(), [](auto& l) { return l.rfind("each: ", 0) == 0; });
-        std::istringstream alts(each == b.end() ? "" : each->substr(6));
-        for (std::string alt; std::getline(alts, alt, '|');) {
-            Lines v = splice(b, pieces, "");
-            for (std::string& line : v)
-                for (const std::string& kv : words(alt))
-                    replace_all(&line, "$" + kv.substr(0, kv.find('=')),
-                                kv.substr(kv.find('=') + 1));
-            alternatives.emplace_back(title + " (" + std::regex_replace(alt, trim, "") + ")", v);
-        }
-        if (alternatives.empty())
-            alternatives = {{title, splice(b, pieces, "")}};
-        for (auto& [name, lines] : alternatives) {
-            std::string links = "none";
-            for (const std::string& l : lines)
-                if (l.rfind("links: ", 0) == 0)
-                    links = l.substr(7);
-            for (const std::string& link : words(links)) {
-                Case c{name, link == "none" ? "" : link, {}, {}};
-                c.name += c.link.empty() ? "" : " [" + c.link + "]";
-                std::string current;  // the section being read
-                for (std::string l : lines) {
-                    if (!link_of(l).empty() && link_of(l) != c.link)
-                        continue;
-                    l.erase(0, link_of(l).empty() ? 0 : 4);
-                    const size_t colon = l.find(": ");
-                    if (std::regex_match(l, header))
-                        c.section[current = l.substr(0, l.size() - 1)];
-                    else if (!current.empty())
-                        c.section[current].push_back(l == "@empty" ? "" : l);
-                    else if (colon != std::string::npos)
-                        c.field[l.substr(0, colon)] = l.substr(colon + 2);
-                }
-                for (auto& sec : c.section)  // blank lines only separate cases
-                    while (!sec.second.empty() && sec.second.back().empty())
-                        sec.second.pop_back();
-                cases.push_back(c);
-            }
-        }
-    }
-    return cases;
-}
-
-// "@stats tx=B/P/F txid=db:1,d5:2 rx=B/P fail=crc/len/sum/seq/sys/dst/cmd
-// rxid=... mode=monitor|noseq|flood": the block the tool prints when the link
-// goes down. The monitor drops the Seq, Sys, Dst and Cmd lines, the flood
-// test Seq, Sys and Dst, --ignore-seq the Seq line.
-std::string stats(const std::string& fields) {
-    std::map<std::string, std::string> kv;
-    for (const std::string& w : words(fields))
-        kv[w.substr(0, w.find('='))] = w.substr(w.find('=') + 1);
-    const std::string mode = kv["mode"];
-    std::string t = "=============================\nFenlink statistics: elapse #.### s\n";
-    char buf[64];
-    auto counters = [&](const std::string& key, std::initializer_list<const char*> labels) {
-        std::istringstream ss(kv[key]);
-        for (const char* label : labels) {  // "": a line the mode leaves out
-            std::string v;
-            std::getline(ss, v, '/');
-            snprintf(buf, sizeof buf, "%-13s%8lu\n", label, v.empty() ? 0 : std::stoul(v));
-            t += *label ? buf : "";
-        }
-    };
-    auto ids = [&](const char* title, const std::string& key) {
-        std::istringstream ss(kv[key]);
-        t += title;
-        for (std::string item; std::getline(ss, item, ',');) {
-            snprintf(buf, sizeof buf, "   [0x%s]    %8lu\n", item.substr(0, 2).c_str(),
-                     std::stoul(item.substr(3)));
-            t += buf;
-        }
-    };
-    const bool checks = mode.empty() || mode == "noseq";
-    counters("tx", {"TX Bytes:", "TX Packets:", "TX Fail:"});
-    ids("TX messages:\n", "txid");
-    counters("rx", {"RX Bytes:", "RX Packets:"});
-    counters("fail", {"RX CRC Fail:", "RX Len Fail:", "RX Sum Fail:",
-                      mode.empty() ? "RX Seq Fail:" : "", checks ? "RX Sys Fail:" : "",
-                      checks ? "RX Dst Fail:" : "", mode != "monitor" ? "RX Cmd Fail:" : ""});
-    ids("RX messages:\n", "rxid");
-    return t + "=============================\n";
-}
 
 // Exact hex, a trailing '*' for a prefix, " xN" for N alike, "..." for any
 // frames up to the next that matches.
@@ -450,29 +508,28 @@ std::string unhex(const std::string& hex) {
     return bytes;
 }
 
-useconds_t after(double s) {
-    return static_cast<useconds_t>((s + tool_slack_s()) * 1e6);
-}
-
 void run_case(const Case& c) {
     auto field = [&c](const std::string& k) {
         return c.field.count(k) ? c.field.at(k) : std::string();
     };
-    if (!field("emulator").empty() && std::string(MCU_EMULATOR) != "")
+    if (!field("emulator").empty() && !kEmulator.empty())
         GTEST_SKIP() << field("emulator");
     TempDir dir;
     std::unique_ptr<Vmcu> mcu;
     auto expand = [&](std::string s) {
         replace_all(&s, "$TMP", dir.path);
-        replace_all(&s, "$TOOL", MCU_TOOL_PATH);
+        replace_all(&s, "$TOOL", kTool);
         replace_all(&s, "$CLOCK", MCU_FIXED_CLOCK_PATH);
         replace_all(&s, "$DEV", mcu ? mcu->dev : "");
+        for (size_t p; (p = s.find("$(")) != std::string::npos;)
+            s.replace(p, s.find(')', p) + 1 - p,
+                      libc_words(s.substr(p + 2, s.find(')', p) - p - 2)));
         return s;
     };
     auto transcript = [&](const std::string& section) {
         std::string t;
         for (const std::string& l : c.section.count(section) ? c.section.at(section) : Lines())
-            t += l.rfind("@stats", 0) == 0 ? stats(l.substr(6)) : expand(l) + "\n";
+            t += expand(l) + "\n";
         replace_all(&t, "\\b", "\b");  // the progress figure's backspaces
         return t;
     };
@@ -481,8 +538,6 @@ void run_case(const Case& c) {
         for (std::string& w : a)  // "$S+N": N seconds after the tool's start-up
             if (w.rfind("$S+", 0) == 0)
                 w = std::to_string(std::stoi(w.substr(3)) + lround(tool_slack_s()));
-        if (mcu && args.find("$DEV") == std::string::npos)
-            a.insert(a.begin(), {"-id", "0xA", "-dev", mcu->dev});
         return a;
     };
 
@@ -492,28 +547,25 @@ void run_case(const Case& c) {
             a = std::to_string(after(std::stoi(a.substr(7)) / 1000.0) / 1000);
     mcu_args.insert(mcu_args.end(),
                     {"--image", dir.file("received.bin"), "--raw", dir.file("raw")});
-    if (!field("gaps").empty())
-        mcu_args.insert(mcu_args.end(), {"--baud", "100000000"});  // stamps its receive times
     if (!c.link.empty()) {
         mcu.reset(new Vmcu(dir, c.link == "spi", mcu_args));
         ASSERT_TRUE(mcu->pid > 0 && !mcu->dev.empty());
     }
     for (const auto& [key, item] : c.field) {  // "NAME HEX", "NAME random N", "NAME dir"
         const Lines w = words(expand(item));
-        std::string bytes;
+        const bool folder = w.size() == 2 && w[1] == "dir";
         if (key.rfind("file", 0) != 0)
             continue;
-        if (w.size() == 2 && w[1] == "dir") {
-            mkdir(dir.file(w[0]).c_str(), 0700);
-            continue;
-        }
+        std::string bytes = w.size() == 2 && !folder ? unhex(w[1]) : "";
         for (unsigned i = 0, n = w.size() > 2 ? std::stoul(w[2]) : 0, seed = n; i < n; i++)
             bytes += static_cast<char>((seed = seed * 1103515245u + 12345u) >> 16);
-        std::ofstream(dir.file(w[0]), std::ios::binary) << (w.size() == 2 ? unhex(w[1]) : bytes);
+        if (folder)
+            mkdir(dir.file(w[0]).c_str(), 0700);
+        else
+            std::ofstream(dir.file(w[0]), std::ios::binary) << bytes;
     }
-    Lines env = mcu ? mcu->env() : Lines();
-    for (const std::string& e : words(expand(field("env"))))
-        env.push_back(e);
+    Lines env = mcu ? mcu->env() : Lines(), own = words(expand(field("env")));
+    env.insert(env.end(), own.begin(), own.end());
     RunResult held;
     std::thread holder, stopper;
     if (!field("holder").empty()) {
@@ -543,8 +595,7 @@ void run_case(const Case& c) {
         EXPECT_EQ(r.out_at_signal,
                   r.out.substr(0, r.out.find("=============================\nFen")));
     }
-    if (!field("secs").empty()) {
-        Lines s = words(field("secs"));
+    if (const Lines s = words(field("secs")); !s.empty()) {
         EXPECT_GE(r.seconds, std::stod(s[0]));
         EXPECT_LE(r.seconds, std::stod(s[1]) + 2 * tool_slack_s());
     }
@@ -564,10 +615,8 @@ void run_case(const Case& c) {
     if (!field("raw").empty()) {  // every byte the MCU's line received
         EXPECT_TRUE(read_file(dir.file("raw")) == unhex(field("raw"))) << "raw bytes";
     }
-    if (!field("received").empty()) {
-        const std::string want = field("received");
-        EXPECT_TRUE(read_file(dir.file("received.bin")) ==
-                    (want == "none" ? "" : read_file(dir.file(want))))
+    if (const std::string want = field("received"); !want.empty()) {
+        EXPECT_TRUE(read_file(dir.file("received.bin")) == read_file(dir.file(want)))
             << "the MCU does not hold " << want << " byte for byte";
     }
 }
@@ -578,7 +627,7 @@ TEST_P(Cases, Transcript) {
     run_case(GetParam());
 }
 
-INSTANTIATE_TEST_SUITE_P(E2e, Cases, testing::ValuesIn(load_cases()),
+INSTANTIATE_TEST_SUITE_P(E2e, Cases, testing::ValuesIn(read_cases()),
                          [](const testing::TestParamInfo<Case>& info) {
                              std::string n;
                              for (char ch : info.param.name)
@@ -586,18 +635,12 @@ INSTANTIATE_TEST_SUITE_P(E2e, Cases, testing::ValuesIn(load_cases()),
                              return n;
                          });
 
-// No descriptor outlives the link: the library's public calls, in this
-// process, against the virtual MCU. The spidev emulation is preloaded into
-// this process (its children get it only where a case asks), so
-// /dev/spidev0.0 reaches the vmcu whose socket VMCU_SPI_SOCKET names.
+// No descriptor outlives the link: the library's public calls in this process
+// (the spidev emulation preloaded; its children get it only where a case asks).
 struct ChildrenWithoutPreload {
-    ChildrenWithoutPreload() {
-        unsetenv("LD_PRELOAD");
-        unsetenv("QEMU_SET_ENV");
-    }
+    ChildrenWithoutPreload() { unsetenv("LD_PRELOAD"); }
 } children_without_preload;
 
-// What the descriptors of this process refer to.
 std::multiset<std::string> open_descriptors() {
     std::multiset<std::string> fds;
     std::error_code ec;
@@ -621,7 +664,8 @@ TEST_P(Descriptors, EveryPublicCallClosesWhatItOpened) {
     TempDir dir, faulty_dir;
     const std::string image = dir.file("app.bin");
     std::ofstream(image) << std::string(1000, '\x5a');
-    Vmcu mcu(dir, GetParam(), {"--emit", "heartbeat@100*3"});
+    Vmcu mcu(dir, GetParam(),
+             {"--emit", "heartbeat@100*3", "--versions", "0102030405060708090A0B0C0D0E0F10"});
     use(mcu);
     const auto before = open_descriptors();
     ASSERT_EQ(mcu_init(), 0);
@@ -630,9 +674,16 @@ TEST_P(Descriptors, EveryPublicCallClosesWhatItOpened) {
     mcu_uninit();  // a link already down closes nothing else
     EXPECT_EQ(open_descriptors(), before);
     EXPECT_EQ(mcu_version(), 0);
+    char softver[16] = {};
+    g_ttys2 = GetParam() ? "" : mcu.dev;
+    EXPECT_EQ(mcu_get_softver(0x0A, softver, sizeof softver), GetParam() ? -1 : 0);
+    EXPECT_STREQ(softver, GetParam() ? "" : "4.3.2.1");
+    g_ttys2.clear();
+    use(mcu);
     EXPECT_EQ(mcu_serial(), 0);
     EXPECT_EQ(mcu_reset(RESET_TYPE_DRYRUN), 0);
     EXPECT_EQ(mcu_debug_clear_stts(), 0);
+    EXPECT_EQ(mcu_debug_set_message_loopback(1), 0);
     EXPECT_EQ(mcu_monitor_message(0xFF, 1), 0);
     set_upgrade_type(UPGRADE_TYPE_FW_ONLY);
     EXPECT_EQ(mcu_upgrade(image.c_str()), 0);
