@@ -1,9 +1,10 @@
 // End-to-end cases (cases/README.md): reading the tables, running a case, then
 // the library's public calls in-process. What runs comes from the environment,
 // all optional: MCU_TOOL, MCU_TOOL_EMULATOR (words before the tool, which gets
-// its LD_PRELOAD as "-E LD_PRELOAD=..."), MCU_TOOL_WRAPPER (e.g. valgrind),
-// MCU_VMCU_SPIDEV (the spidev shim), MCU_LIBC_WORDS (a probe built against the
-// tool's C library).
+// its LD_PRELOAD as "-E LD_PRELOAD=..."), MCU_TOOL_WRAPPER (e.g. valgrind), and
+// what is preloaded into or run as the tool, built against its C library:
+// MCU_VMCU_SPIDEV (the spidev shim), MCU_FIXED_CLOCK (the frozen clock),
+// MCU_LIBC_WORDS (the C library probe).
 #include <gtest/gtest.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -519,7 +520,7 @@ void run_case(const Case& c) {
     auto expand = [&](std::string s) {
         replace_all(&s, "$TMP", dir.path);
         replace_all(&s, "$TOOL", kTool);
-        replace_all(&s, "$CLOCK", MCU_FIXED_CLOCK_PATH);
+        replace_all(&s, "$CLOCK", env_or("MCU_FIXED_CLOCK", MCU_FIXED_CLOCK_PATH));
         replace_all(&s, "$DEV", mcu ? mcu->dev : "");
         for (size_t p; (p = s.find("$(")) != std::string::npos;)
             s.replace(p, s.find(')', p) + 1 - p,

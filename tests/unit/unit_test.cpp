@@ -84,4 +84,23 @@ TEST_F(Unit, CallsAsOtherProgramsMakeThem) {
     EXPECT_EQ(read_file("/dev/null", nullptr, 4), -1);
 }
 
+// Whatever a file is called, md5sum gets its name as one word and the shell
+// runs nothing else (a stray command would leave a file "x" behind).
+TEST_F(Unit, Md5sumOfAnyFileName) {
+    char dir[] = "/tmp/mcu_md5_XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    ASSERT_EQ(chdir(dir), 0);
+    for (const char* name :
+         {"plain-1.bin", "a b", "a;touch x", "$(touch x)", "`touch x`", "it's"}) {
+        uint8_t text[] = "abc", digest[40] = {0};
+        ASSERT_EQ(write_file(name, text, 3), 3) << name;
+        EXPECT_EQ(calc_md5sum(const_cast<char*>(name), digest, sizeof digest), 32) << name;
+        EXPECT_STREQ(reinterpret_cast<char*>(digest), "900150983cd24fb0d6963f7d28e17f72") << name;
+        EXPECT_NE(access("x", F_OK), 0) << name << " ran another command";
+        unlink(name);
+    }
+    EXPECT_EQ(chdir("/"), 0);
+    EXPECT_EQ(rmdir(dir), 0);
+}
+
 }  // namespace
