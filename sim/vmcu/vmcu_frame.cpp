@@ -37,24 +37,19 @@ uint8_t crc8(const uint8_t* data, size_t len) {
     return c;
 }
 
-Bytes encode_frame(uint8_t seq, uint8_t compid, uint8_t sysid, uint8_t msgid, const Bytes& payload,
-                   uint8_t extra) {
-    Bytes f;
-    f.reserve(payload.size() + kOverhead);
-    f.push_back(kMagic);
-    f.push_back(static_cast<uint8_t>(payload.size() & 0xFF));
-    f.push_back(static_cast<uint8_t>((payload.size() >> 8) & 0xFF));
-    f.push_back(seq);
-    f.push_back(compid);
-    f.push_back(sysid);
-    f.push_back(msgid);
+Bytes encode_frame(uint8_t seq, uint8_t compid, uint8_t sysid, uint8_t msgid,
+                   const Bytes& payload) {
+    Bytes f = {kMagic, 0, 0, seq, compid, sysid, msgid};
+    f[1] = static_cast<uint8_t>(payload.size() & 0xFF);
+    f[2] = static_cast<uint8_t>((payload.size() >> 8) & 0xFF);
     f.push_back(sum8(f.data(), 7));
     f.insert(f.end(), payload.begin(), payload.end());
-    uint16_t crc = crc16(f.data() + 1, f.size() - 1);
-    crc = crc16_step(extra, crc);
-    f.push_back(static_cast<uint8_t>(crc & 0xFF));
-    f.push_back(static_cast<uint8_t>(crc >> 8));
+    append_crc(&f);
     return f;
+}
+
+void append_crc(Bytes* f) {
+    put_u16(f, crc16_step(0, crc16(f->data() + 1, f->size() - 1)));
 }
 
 bool crc_ok(const Bytes& wire, const CrcPolicy& policy) {
@@ -64,17 +59,12 @@ bool crc_ok(const Bytes& wire, const CrcPolicy& policy) {
     const size_t body = wire.size() - 2;
     const uint16_t got = static_cast<uint16_t>(wire[body] | (wire[body + 1] << 8));
     const uint16_t partial = crc16(wire.data() + 1, body - 1);
-    if (policy.none || (policy.any && partial == got)) {
-        return partial == got;
-    }
-    if (!policy.any) {
-        return crc16_step(policy.extra, partial) == got;
-    }
-    for (int e = 0; e < 256; ++e) {
-        if (crc16_step(static_cast<uint8_t>(e), partial) == got) {
+    if (policy.any && partial == got)
+        return true;
+    for (int e = 0; e < 256; ++e)
+        if ((policy.any || e == policy.extra) &&
+            crc16_step(static_cast<uint8_t>(e), partial) == got)
             return true;
-        }
-    }
     return false;
 }
 

@@ -37,14 +37,14 @@ struct Frame {
     Bytes wire;  // the exact bytes as received or built
 };
 
-// Builds a complete frame; `extra` is the CRC extra byte folded in at the end.
-Bytes encode_frame(uint8_t seq, uint8_t compid, uint8_t sysid, uint8_t msgid, const Bytes& payload,
-                   uint8_t extra = 0);
+// Builds a complete frame (CRC extra byte 00).
+Bytes encode_frame(uint8_t seq, uint8_t compid, uint8_t sysid, uint8_t msgid, const Bytes& payload);
+// Appends the CRC to the frame bytes in *f (header and payload).
+void append_crc(Bytes* f);
 
 // Which CRC extra byte(s) a receiver accepts.
 struct CrcPolicy {
     bool any = false;   // accept any extra byte, or none at all
-    bool none = false;  // the CRC covers the frame bytes only, no extra byte
     uint8_t extra = 0;  // otherwise exactly this one
 };
 

@@ -1,10 +1,7 @@
 // The two links the virtual MCU serves. Each returns the process exit code.
 #pragma once
 
-#include "vmcu_log.h"
 #include "vmcu_model.h"
-#include "vmcu_options.h"
-#include "vmcu_runtime.h"
 
 namespace vmcu {
 

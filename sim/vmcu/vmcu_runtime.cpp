@@ -28,10 +28,31 @@ void on_stop_signal(int) {
 
 }  // namespace
 
-int64_t now_ms() {
+int64_t now_ns() {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+bool Logger::open(const std::string& log_path, const std::string& raw_path) {
+    log_ = log_path.empty() ? nullptr : std::fopen(log_path.c_str(), "w");
+    raw_ = raw_path.empty() ? nullptr : std::fopen(raw_path.c_str(), "wb");
+    return (log_ != nullptr || log_path.empty()) && (raw_ != nullptr || raw_path.empty());
+}
+
+void Logger::write(FILE* f, const void* data, size_t len) {
+    if (f != nullptr && len > 0) {
+        std::fwrite(data, 1, len, f);
+        std::fflush(f);
+    }
+}
+
+void Logger::close() {
+    for (FILE** f : {&log_, &raw_}) {
+        if (*f != nullptr)
+            std::fclose(*f);
+        *f = nullptr;
+    }
 }
 
 Runtime::Runtime(const Options& opt) : start_(now_ms()) {

@@ -1,15 +1,39 @@
-// Process-level services shared by both links: the clock, the stop signals,
-// the lifetime limit and the schedule of unsolicited frames.
+// Process-level services shared by both links: the clock, the event log and
+// raw capture, the stop signals, the lifetime limit and the schedule of
+// unsolicited frames.
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
+#include <string>
 #include <vector>
 
 #include "vmcu_options.h"
 
 namespace vmcu {
 
-int64_t now_ms();  // monotonic milliseconds
+int64_t now_ns();  // monotonic nanoseconds
+inline int64_t now_ms() {
+    return now_ns() / 1000000;
+}
+
+// The event log, one line per event, and the raw capture, both flushed at once
+// so that a test can read them while the vmcu is still running.
+class Logger {
+public:
+    ~Logger() { close(); }
+    // Empty paths disable the respective output. False (errno set) when a file
+    // cannot be opened.
+    bool open(const std::string& log_path, const std::string& raw_path);
+    void line(const std::string& text) { write(log_, (text + "\n").data(), text.size() + 1); }
+    void raw(const uint8_t* data, size_t len) { write(raw_, data, len); }
+    void close();
+
+private:
+    static void write(FILE* f, const void* data, size_t len);
+    FILE* log_ = nullptr;
+    FILE* raw_ = nullptr;
+};
 
 class Runtime {
 public:

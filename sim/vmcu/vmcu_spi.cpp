@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -36,18 +37,15 @@ private:
         int fd;
         Bytes in;
     };
-    struct Queued {
-        Bytes bytes;
-        uint64_t ready_at;  // transfer number from which it may go out
-    };
 
     void accept_client();
     // False when the client is gone.
     bool read_client(Client& c);
     bool process(Client& c, uint8_t type, uint8_t sub, const Bytes& body);
     bool reply(Client& c, uint8_t type, uint8_t sub, const uint8_t* data, size_t len);
-    void transfer(const Bytes& tx, Bytes* rx, bool* failed);
-    void enqueue(Bytes bytes, uint64_t ready_at);
+    // Clocks out the next queued frame into *rx; false when the transfer fails.
+    bool transfer(const Bytes& tx, Bytes* rx);
+    void enqueue(Bytes bytes);
     void drop_client(size_t index);
 
     const Options& opt_;
@@ -56,8 +54,7 @@ private:
     Runtime& rt_;
     int listen_fd_ = -1;
     std::vector<Client> clients_;
-    std::deque<Queued> queue_;
-    uint64_t xfers_ = 0;
+    std::deque<Bytes> queue_;  // frames to clock out, one a transfer
 };
 
 SpiLink::~SpiLink() {
@@ -142,7 +139,7 @@ bool SpiLink::reply(Client& c, uint8_t type, uint8_t sub, const uint8_t* data, s
     return true;
 }
 
-void SpiLink::enqueue(Bytes bytes, uint64_t ready_at) {
+void SpiLink::enqueue(Bytes bytes) {
     if (bytes.size() > vmcu_wire::kBlockSize) {
         log_.line("NOTE frame of " + std::to_string(bytes.size()) +
                   " bytes does not fit a transfer, truncated");
@@ -152,46 +149,35 @@ void SpiLink::enqueue(Bytes bytes, uint64_t ready_at) {
         log_.line("NOTE out queue full, frame dropped");
         return;
     }
-    queue_.push_back(Queued{std::move(bytes), ready_at});
+    queue_.push_back(std::move(bytes));
 }
 
-void SpiLink::transfer(const Bytes& tx, Bytes* rx, bool* failed) {
-    ++xfers_;
-    *failed = false;
-    rx->assign(vmcu_wire::kBlockSize, 0);
-    bool all_zero = true;
-    for (uint8_t b : tx) {
-        if (b != 0) {
-            all_zero = false;
-            break;
-        }
-    }
-    if (!all_zero) {
+bool SpiLink::transfer(const Bytes& tx, Bytes* rx) {
+    Reply r;
+    if (std::any_of(tx.begin(), tx.end(), [](uint8_t b) { return b != 0; })) {
         log_.raw(tx.data(), tx.size());
         const BlockScan scan = scan_block(tx.data(), tx.size(), opt_.rx_crc);
-        for (const std::string& why : scan.bad) {
+        for (const std::string& why : scan.bad)
             log_.line("BAD " + why);
-        }
         if (scan.found) {
             log_.line("RX " + to_hex(scan.frame.wire));
-            const Reply r = mcu_.handle(scan.frame);
-            if (r.xfer_fail) {
-                *failed = true;
-                return;  // nothing is clocked out by a failed transfer
-            }
-            if (!r.bytes.empty()) {
-                enqueue(r.bytes, xfers_ + static_cast<uint64_t>(opt_.spi_latency));
-            }
+            r = mcu_.handle(scan.frame);
         } else if (scan.bad.empty()) {
             log_.line("BAD no frame in transmit block");
         }
     }
-    if (!queue_.empty() && queue_.front().ready_at <= xfers_) {
-        const Bytes& out = queue_.front().bytes;
-        std::memcpy(rx->data(), out.data(), out.size());
-        log_.line("TX " + to_hex(out));
+    if (r.xfer_fail)
+        return false;  // nothing is clocked out by a failed transfer
+    // The slave answers a request in the transfers after the one that carried it.
+    rx->assign(vmcu_wire::kBlockSize, 0);
+    if (!queue_.empty()) {
+        std::copy(queue_.front().begin(), queue_.front().end(), rx->begin());
+        log_.line("TX " + to_hex(queue_.front()));
         queue_.pop_front();
     }
+    if (!r.bytes.empty())
+        enqueue(r.bytes);
+    return true;
 }
 
 bool SpiLink::process(Client& c, uint8_t type, uint8_t sub, const Bytes& body) {
@@ -214,11 +200,8 @@ bool SpiLink::process(Client& c, uint8_t type, uint8_t sub, const Bytes& body) {
                 return reply(c, vmcu_wire::kTransfer, vmcu_wire::kXferFailed, nullptr, 0);
             }
             Bytes rx;
-            bool failed = false;
-            transfer(body, &rx, &failed);
-            if (failed) {
+            if (!transfer(body, &rx))
                 return reply(c, vmcu_wire::kTransfer, vmcu_wire::kXferFailed, nullptr, 0);
-            }
             return reply(c, vmcu_wire::kTransfer, vmcu_wire::kXferOk, rx.data(), rx.size());
         }
         default:
@@ -271,9 +254,8 @@ int SpiLink::serve() {
         }
         for (const Emit* e : rt_.due_emits(now)) {
             Bytes f = mcu_.emit_frame(*e);
-            if (!clients_.empty()) {
-                enqueue(std::move(f), xfers_ + 1);
-            }
+            if (!clients_.empty())
+                enqueue(std::move(f));
         }
         std::vector<struct pollfd> fds;
         fds.push_back({rt_.signal_fd(), POLLIN, 0});
