@@ -152,17 +152,14 @@ int PtyLink::serve() {
     uint8_t buf[4096];
     for (;;) {
         const int64_t now = now_ms();
-        if (rt_.stop_requested()) {
-            // Bytes a tool wrote just before it ended may still be on their way through the
-            // tty layer: they belong in the log.
+        if (const char* why = rt_.exit_reason(now)) {
+            // Bytes a tool wrote just before it was stopped may still be on their way
+            // through the tty layer: they belong in the log.
             struct pollfd p = {master_, POLLIN, 0};
-            for (ssize_t n; poll(&p, 1, 20) > 0 && (n = read(master_, buf, sizeof buf)) > 0;)
+            for (ssize_t n; rt_.stop_requested() && poll(&p, 1, 20) > 0 &&
+                            (n = read(master_, buf, sizeof buf)) > 0;)
                 receive(buf, static_cast<size_t>(n));
-            log_.line("EXIT signal");
-            return 0;
-        }
-        if (rt_.expired(now)) {
-            log_.line("EXIT time limit");
+            log_.line(std::string("EXIT ") + why);
             return 0;
         }
         for (const Emit* e : rt_.due_emits(now))

@@ -67,23 +67,20 @@ Runtime::Runtime(const Options& opt) : start_(now_ms()) {
 Runtime::~Runtime() {
     g_wake_fd = -1;
     for (int fd : pipe_) {
-        if (fd >= 0) {
+        if (fd >= 0)
             close(fd);
-        }
     }
 }
 
 bool Runtime::init() {
-    if (pipe2(pipe_, O_CLOEXEC | O_NONBLOCK) != 0) {
+    if (pipe2(pipe_, O_CLOEXEC | O_NONBLOCK) != 0)
         return false;
-    }
     g_wake_fd = pipe_[1];
     struct sigaction sa {};
     sa.sa_handler = on_stop_signal;
     sigemptyset(&sa.sa_mask);
-    if (sigaction(SIGTERM, &sa, nullptr) != 0 || sigaction(SIGINT, &sa, nullptr) != 0) {
+    if (sigaction(SIGTERM, &sa, nullptr) != 0 || sigaction(SIGINT, &sa, nullptr) != 0)
         return false;
-    }
     signal(SIGPIPE, SIG_IGN);
     return true;
 }
@@ -95,13 +92,11 @@ bool Runtime::stop_requested() const {
 std::vector<const Emit*> Runtime::due_emits(int64_t now) {
     std::vector<const Emit*> out;
     for (Slot& s : slots_) {
-        if (s.left == 0 || now < s.next) {
+        if (s.left == 0 || now < s.next)
             continue;
-        }
         out.push_back(s.emit);
-        if (s.left > 0) {
+        if (s.left > 0)
             --s.left;
-        }
         s.next += s.emit->period_ms;
         if (s.next <= now) {
             s.next = now + s.emit->period_ms;  // do not burst after a stall
@@ -113,19 +108,16 @@ std::vector<const Emit*> Runtime::due_emits(int64_t now) {
 int Runtime::poll_timeout(int64_t now, int64_t other_deadline) const {
     int64_t until = exit_at_;
     auto consider = [&](int64_t t) {
-        if (t >= 0 && (until < 0 || t < until)) {
+        if (t >= 0 && (until < 0 || t < until))
             until = t;
-        }
     };
     consider(other_deadline);
     for (const Slot& s : slots_) {
-        if (s.left != 0) {
+        if (s.left != 0)
             consider(s.next);
-        }
     }
-    if (until < 0) {
+    if (until < 0)
         return -1;
-    }
     return static_cast<int>(std::clamp<int64_t>(until - now, 0, INT_MAX));
 }
 

@@ -47,7 +47,12 @@ public:
     // Readable when a stop signal arrived; include it in every poll().
     int signal_fd() const { return pipe_[0]; }
     bool stop_requested() const;
-    bool expired(int64_t now) const { return exit_at_ >= 0 && now >= exit_at_; }
+    // Why the vmcu ends at `now` ("signal", "time limit"), or nullptr.
+    const char* exit_reason(int64_t now) const {
+        return stop_requested()                   ? "signal"
+               : exit_at_ >= 0 && now >= exit_at_ ? "time limit"
+                                                  : nullptr;
+    }
 
     // Emit entries due at `now`; their next time is advanced.
     std::vector<const Emit*> due_emits(int64_t now);
