@@ -66,12 +66,6 @@ bool crc_ok(const Bytes& wire, const CrcPolicy& policy) {
 
 namespace {
 
-std::string hex2(unsigned v) {
-    char b[8];
-    std::snprintf(b, sizeof b, "%02X", v & 0xFFu);
-    return b;
-}
-
 // Finds the first valid frame in p[*pos..n): returns its length with *pos at
 // its start, or 0 with *pos at an unfinished candidate (or at n). A candidate
 // with a bad header is skipped one byte at a time, a frame with a bad CRC

@@ -92,6 +92,9 @@ std::string to_hex(const uint8_t* data, size_t len);
 inline std::string to_hex(const Bytes& b) {
     return to_hex(b.data(), b.size());
 }
+inline std::string hex2(uint8_t b) {
+    return to_hex(&b, 1);
+}
 // Parses an even-length hex string (an optional 0x prefix and blanks, ':' or
 // '-' between bytes are allowed). Returns false on malformed input.
 bool parse_hex(const std::string& text, Bytes* out);

@@ -5,8 +5,6 @@
 
 namespace vmcu {
 
-namespace {
-
 namespace cmd {
 constexpr uint8_t kHeartbeat = 208;
 constexpr uint8_t kSystemReset = 209;
@@ -25,14 +23,6 @@ constexpr uint8_t kBusy = 253;
 constexpr uint8_t kAck = 254;
 constexpr uint8_t kNak = 255;
 }  // namespace cmd
-
-std::string hex2(unsigned v) {
-    char b[8];
-    std::snprintf(b, sizeof b, "%02X", v & 0xFFu);
-    return b;
-}
-
-}  // namespace
 
 Rule* Mcu::take_rule(uint8_t msgid) {
     for (Rule& r : rules_) {

@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstdlib>
 #include <functional>
+#include <iterator>
 #include <map>
 
 namespace vmcu {
@@ -98,34 +99,18 @@ bool split_arg(std::string s, std::string* name, std::string* arg) {
     return eq != s.npos;
 }
 
+// The rule actions by name, in the order of enum Action, and the largest
+// argument each takes (0: none).
+const char* const kActions[] = {
+    "",       "silent",  "nak",       "code",       "busy",  "badcrc",  "badsum",
+    "biglen", "badseq",  "badsys",    "badcomp",    "lowid", "garbage", "long",
+    "short",  "otherid", "heartbeat", "debugreply", "ack",   "noack",   "xferfail"};
+// code 255, busy 65535, garbage 1000000, short any, otherid a byte, debugreply any
+const unsigned long long kMaxArg[] = {0, 0,       0, 255,        65535, 0, 0,          0, 0, 0, 0,
+                                      0, 1000000, 0, UINT32_MAX, 255,   0, UINT32_MAX, 0, 0, 0};
+static_assert(std::size(kActions) == std::size(kMaxArg));
+
 bool parse_rule(std::string s, Rule* r) {
-    struct Entry {
-        const char* name;
-        Action action;
-        unsigned long long max;  // largest argument, 0: none
-    };
-    static const Entry table[] = {
-        {"silent", Action::kSilent, 0},
-        {"nak", Action::kNak, 0},
-        {"code", Action::kCode, 255},
-        {"busy", Action::kBusy, 65535},
-        {"badcrc", Action::kBadCrc, 0},
-        {"badsum", Action::kBadSum, 0},
-        {"biglen", Action::kBigLen, 0},
-        {"badseq", Action::kBadSeq, 0},
-        {"badsys", Action::kBadSys, 0},
-        {"badcomp", Action::kBadComp, 0},
-        {"lowid", Action::kLowId, 0},
-        {"garbage", Action::kGarbage, 1000000},
-        {"long", Action::kLong, 0},
-        {"short", Action::kShort, UINT32_MAX},
-        {"otherid", Action::kOtherId, 255},
-        {"heartbeat", Action::kHeartbeat, 0},
-        {"debugreply", Action::kDebugReply, UINT32_MAX},
-        {"ack", Action::kAck, 0},
-        {"noack", Action::kNoAck, 0},
-        {"xferfail", Action::kXferFail, 0},
-    };
     r->text = s;
     const size_t colon = s.find(':');
     uint8_t id = 0;
@@ -138,15 +123,15 @@ bool parse_rule(std::string s, Rule* r) {
     r->remaining = r->remaining == 0 ? -1 : r->remaining;
     std::string name, arg;
     const bool has_arg = split_arg(s, &name, &arg);
-    for (const Entry& e : table) {
-        if (name != e.name || has_arg != (e.max > 0))
+    for (size_t i = 1; i < std::size(kActions); ++i) {
+        if (name != kActions[i] || has_arg != (kMaxArg[i] > 0))
             continue;
-        r->action = e.action;
+        r->action = static_cast<Action>(i);
         unsigned long long v = 0;
         uint8_t b = 0;
-        const bool ok = e.action == Action::kOtherId
+        const bool ok = r->action == Action::kOtherId
                             ? parse_hex_byte(arg, &b) && (v = b, true)
-                            : !has_arg || parse_number(arg, e.max, &v, false);
+                            : !has_arg || parse_number(arg, kMaxArg[i], &v, false);
         r->arg = static_cast<uint32_t>(v);
         return ok;
     }
@@ -189,14 +174,17 @@ const char* help_text() {
 
 bool parse_options(int argc, char** argv, Options* opt, bool* help, std::string* err) {
     *help = false;
-    parse_hex("0102030405060708090A0B0C0D0E0F10", &opt->versions);
     const std::string sn = "VMCU-SN-0123456789";
     opt->sn.assign(sn.begin(), sn.end());
     opt->sn.resize(32, 0);
-    for (uint16_t v : {1000, 3, 240, 20, 2, 2, 2, 500})
-        put_u16(&opt->timeretry, v);
 
     using Setter = std::function<bool(const std::string&)>;
+    auto add = [](auto* list, auto parse) {
+        return [list, parse](const std::string& v) {
+            list->emplace_back();
+            return parse(v, &list->back());
+        };
+    };
     auto hex = [](Bytes* b) {
         return [b](const std::string& v) { return parse_hex(v, b) && b->size() <= kMaxPayload; };
     };
@@ -211,12 +199,7 @@ bool parse_options(int argc, char** argv, Options* opt, bool* help, std::string*
         };
     };
     const std::map<std::string, Setter> options = {
-        {"--spi",
-         [&](const std::string& v) {
-             opt->link = LinkKind::kSpi;
-             opt->spi_socket = v;
-             return true;
-         }},
+        {"--spi", text(&opt->spi_socket)},
         {"--peer", [&](const std::string& v) { return parse_hex_byte(v, &opt->peer); }},
         {"--versions", hex(&opt->versions)},
         {"--sn", hex(&opt->sn)},
@@ -225,16 +208,8 @@ bool parse_options(int argc, char** argv, Options* opt, bool* help, std::string*
         {"--emit-start", number(&opt->emit_start_ms, INT_MAX)},
         {"--exit-after", number(&opt->exit_after_ms, INT_MAX)},
         {"--baud", number(&opt->baud, INT_MAX)},
-        {"--rule",
-         [&](const std::string& v) {
-             opt->rules.emplace_back();
-             return parse_rule(v, &opt->rules.back());
-         }},
-        {"--emit",
-         [&](const std::string& v) {
-             opt->emits.emplace_back();
-             return parse_emit(v, &opt->emits.back());
-         }},
+        {"--rule", add(&opt->rules, parse_rule)},
+        {"--emit", add(&opt->emits, parse_emit)},
         {"--rx-extra",
          [&](const std::string& v) {
              opt->rx_crc.any = v == "any";
@@ -258,7 +233,7 @@ bool parse_options(int argc, char** argv, Options* opt, bool* help, std::string*
             have_link = true;
             continue;
         }
-        const auto it = options.find(name);
+        const auto it = options.find(name);  // the options with a value
         if (it == options.end()) {
             *err = "unknown option: " + name;
             return false;
@@ -273,7 +248,10 @@ bool parse_options(int argc, char** argv, Options* opt, bool* help, std::string*
             *err = "bad " + name + " value: " + value;
             return false;
         }
-        have_link |= name == "--spi";
+        if (name == "--spi") {
+            opt->link = LinkKind::kSpi;
+            have_link = true;
+        }
     }
     if (!have_link) {
         *err = "one of --pty or --spi SOCKET is required";

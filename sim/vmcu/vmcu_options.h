@@ -60,10 +60,12 @@ struct Options {
     LinkKind link = LinkKind::kTty;
     std::string spi_socket;
     uint8_t peer = 0x02;
-    Bytes versions;
-    Bytes sn;
+    Bytes versions = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+    Bytes sn;  // by default "VMCU-SN-0123456789", zeros to 32 bytes
     uint32_t flash_size = 1048576;
-    Bytes timeretry;
+    // Eight little-endian u16: 1000, 3, 240, 20, 2, 2, 2, 500.
+    Bytes timeretry = {0xE8, 0x03, 0x03, 0x00, 0xF0, 0x00, 0x14, 0x00,
+                       0x02, 0x00, 0x02, 0x00, 0x02, 0x00, 0xF4, 0x01};
     std::vector<Rule> rules;
     std::vector<Emit> emits;
     int emit_start_ms = 300;

@@ -57,19 +57,15 @@ void Logger::close() {
 
 Runtime::Runtime(const Options& opt) : start_(now_ms()) {
     exit_at_ = opt.exit_after_ms > 0 ? start_ + opt.exit_after_ms : -1;
-    for (const Emit& e : opt.emits) {
-        if (e.count != 0) {
-            slots_.push_back(Slot{&e, start_ + opt.emit_start_ms, e.count});
-        }
-    }
+    for (const Emit& e : opt.emits)
+        slots_.push_back(Slot{&e, start_ + opt.emit_start_ms, e.count});
 }
 
 Runtime::~Runtime() {
     g_wake_fd = -1;
-    for (int fd : pipe_) {
+    for (int fd : pipe_)
         if (fd >= 0)
             close(fd);
-    }
 }
 
 bool Runtime::init() {
@@ -79,10 +75,8 @@ bool Runtime::init() {
     struct sigaction sa {};
     sa.sa_handler = on_stop_signal;
     sigemptyset(&sa.sa_mask);
-    if (sigaction(SIGTERM, &sa, nullptr) != 0 || sigaction(SIGINT, &sa, nullptr) != 0)
-        return false;
     signal(SIGPIPE, SIG_IGN);
-    return true;
+    return sigaction(SIGTERM, &sa, nullptr) == 0 && sigaction(SIGINT, &sa, nullptr) == 0;
 }
 
 bool Runtime::stop_requested() const {
@@ -95,30 +89,21 @@ std::vector<const Emit*> Runtime::due_emits(int64_t now) {
         if (s.left == 0 || now < s.next)
             continue;
         out.push_back(s.emit);
-        if (s.left > 0)
-            --s.left;
+        s.left -= s.left > 0 ? 1 : 0;
         s.next += s.emit->period_ms;
-        if (s.next <= now) {
+        if (s.next <= now)
             s.next = now + s.emit->period_ms;  // do not burst after a stall
-        }
     }
     return out;
 }
 
 int Runtime::poll_timeout(int64_t now, int64_t other_deadline) const {
-    int64_t until = exit_at_;
-    auto consider = [&](int64_t t) {
-        if (t >= 0 && (until < 0 || t < until))
-            until = t;
-    };
-    consider(other_deadline);
-    for (const Slot& s : slots_) {
-        if (s.left != 0)
-            consider(s.next);
-    }
-    if (until < 0)
-        return -1;
-    return static_cast<int>(std::clamp<int64_t>(until - now, 0, INT_MAX));
+    int64_t until = INT64_MAX;
+    for (int64_t t : {exit_at_, other_deadline})
+        until = t >= 0 ? std::min(until, t) : until;
+    for (const Slot& s : slots_)
+        until = s.left != 0 ? std::min(until, s.next) : until;
+    return until == INT64_MAX ? -1 : static_cast<int>(std::clamp<int64_t>(until - now, 0, INT_MAX));
 }
 
 }  // namespace vmcu
