@@ -5,50 +5,22 @@
 
 namespace vmcu {
 
+namespace {
+
+// CRC-16/MCRF4XX, one byte at a time (bit-reflected 0x1021, init 0xFFFF).
 uint16_t crc16_step(uint8_t byte, uint16_t crc) {
     uint8_t t = static_cast<uint8_t>(byte ^ (crc & 0xFF));
     t = static_cast<uint8_t>(t ^ (t << 4));
     return static_cast<uint16_t>((crc >> 8) ^ (t << 8) ^ (t << 3) ^ (t >> 4));
 }
 
-uint16_t crc16(const uint8_t* data, size_t len, uint16_t crc) {
+uint16_t crc16(const uint8_t* data, size_t len, uint16_t crc = 0xFFFF) {
     for (size_t i = 0; i < len; ++i)
         crc = crc16_step(data[i], crc);
     return crc;
 }
 
-uint8_t sum8(const uint8_t* data, size_t len) {
-    unsigned s = 0;
-    for (size_t i = 0; i < len; ++i)
-        s += data[i];
-    return static_cast<uint8_t>(s);
-}
-
-uint8_t crc8(const uint8_t* data, size_t len) {
-    uint8_t c = 0;
-    for (size_t i = 0; i < len; ++i) {
-        c ^= data[i];
-        for (int b = 0; b < 8; ++b)
-            c = (c & 0x80) ? static_cast<uint8_t>((c << 1) ^ 0x07) : static_cast<uint8_t>(c << 1);
-    }
-    return c;
-}
-
-Bytes encode_frame(uint8_t seq, uint8_t compid, uint8_t sysid, uint8_t msgid,
-                   const Bytes& payload) {
-    Bytes f = {kMagic, 0, 0, seq, compid, sysid, msgid};
-    f[1] = static_cast<uint8_t>(payload.size() & 0xFF);
-    f[2] = static_cast<uint8_t>((payload.size() >> 8) & 0xFF);
-    f.push_back(sum8(f.data(), 7));
-    f.insert(f.end(), payload.begin(), payload.end());
-    append_crc(&f);
-    return f;
-}
-
-void append_crc(Bytes* f) {
-    put_u16(f, crc16_step(0, crc16(f->data() + 1, f->size() - 1)));
-}
-
+// Checks the CRC of a complete candidate frame (wire bytes, header included).
 bool crc_ok(const Bytes& wire, const CrcPolicy& policy) {
     if (wire.size() < kOverhead)
         return false;
@@ -63,8 +35,6 @@ bool crc_ok(const Bytes& wire, const CrcPolicy& policy) {
             return true;
     return false;
 }
-
-namespace {
 
 // Finds the first valid frame in p[*pos..n): returns its length with *pos at
 // its start, or 0 with *pos at an unfinished candidate (or at n). A candidate
@@ -113,6 +83,38 @@ Frame make_frame(const uint8_t* p, size_t length) {
 }
 
 }  // namespace
+
+uint8_t sum8(const uint8_t* data, size_t len) {
+    unsigned s = 0;
+    for (size_t i = 0; i < len; ++i)
+        s += data[i];
+    return static_cast<uint8_t>(s);
+}
+
+uint8_t crc8(const uint8_t* data, size_t len) {
+    uint8_t c = 0;
+    for (size_t i = 0; i < len; ++i) {
+        c ^= data[i];
+        for (int b = 0; b < 8; ++b)
+            c = (c & 0x80) ? static_cast<uint8_t>((c << 1) ^ 0x07) : static_cast<uint8_t>(c << 1);
+    }
+    return c;
+}
+
+Bytes encode_frame(uint8_t seq, uint8_t compid, uint8_t sysid, uint8_t msgid,
+                   const Bytes& payload) {
+    Bytes f = {kMagic, 0, 0, seq, compid, sysid, msgid};
+    f[1] = static_cast<uint8_t>(payload.size() & 0xFF);
+    f[2] = static_cast<uint8_t>((payload.size() >> 8) & 0xFF);
+    f.push_back(sum8(f.data(), 7));
+    f.insert(f.end(), payload.begin(), payload.end());
+    append_crc(&f);
+    return f;
+}
+
+void append_crc(Bytes* f) {
+    put_u16(f, crc16_step(0, crc16(f->data() + 1, f->size() - 1)));
+}
 
 void StreamReceiver::feed(const uint8_t* data, size_t len) {
     buf_.insert(buf_.end(), data, data + len);

@@ -20,9 +20,6 @@ constexpr size_t kHeaderLen = 8;  // magic .. csum
 constexpr size_t kOverhead = 10;  // header + 2 CRC bytes
 constexpr size_t kMaxPayload = 65000;
 
-// CRC-16/MCRF4XX, one byte at a time (bit-reflected 0x1021, init 0xFFFF).
-uint16_t crc16_step(uint8_t byte, uint16_t crc);
-uint16_t crc16(const uint8_t* data, size_t len, uint16_t crc = 0xFFFF);
 // 8-bit plain sum, used for the header checksum over bytes 0..6.
 uint8_t sum8(const uint8_t* data, size_t len);
 // CRC-8, polynomial 0x07, init 0, no reflection, no final xor.
@@ -39,7 +36,8 @@ struct Frame {
 
 // Builds a complete frame (CRC extra byte 00).
 Bytes encode_frame(uint8_t seq, uint8_t compid, uint8_t sysid, uint8_t msgid, const Bytes& payload);
-// Appends the CRC to the frame bytes in *f (header and payload).
+// Appends the CRC (CRC-16/MCRF4XX over all but the start byte, then the extra
+// byte 00) to the frame bytes in *f.
 void append_crc(Bytes* f);
 
 // Which CRC extra byte(s) a receiver accepts.
@@ -47,9 +45,6 @@ struct CrcPolicy {
     bool any = false;   // accept any extra byte, or none at all
     uint8_t extra = 0;  // otherwise exactly this one
 };
-
-// Checks the CRC of a complete candidate frame (wire bytes, header included).
-bool crc_ok(const Bytes& wire, const CrcPolicy& policy);
 
 // Incremental receiver for a byte stream. Valid frames and rejections are
 // reported through the callbacks in the order they are recognised.

@@ -30,8 +30,6 @@ int main(int argc, char** argv) {
         return 1;
     }
     vmcu::Mcu mcu(opt, log);
-    const int rc = opt.link == vmcu::LinkKind::kTty ? vmcu::run_pty(opt, mcu, log, rt)
-                                                    : vmcu::run_spi(opt, mcu, log, rt);
-    log.close();
-    return rc;
+    return opt.link == vmcu::LinkKind::kTty ? vmcu::run_pty(opt, mcu, log, rt)
+                                            : vmcu::run_spi(opt, mcu, log, rt);
 }

@@ -192,6 +192,10 @@ uint8_t Mcu::spi_result_id(const Frame& req) {
 Mcu::Answer Mcu::act(const Frame& req, uint8_t answer_seq) {
     const Bytes& p = req.payload;
     auto data = [](uint8_t msgid, const Bytes& payload) { return Answer{-1, msgid, payload}; };
+    auto logged = [this](int code, const std::string& event) {
+        log_.line(event);
+        return result(code);
+    };
     switch (req.msgid) {
         case cmd::kGetSn:
             return data(req.msgid, opt_.sn);
@@ -214,56 +218,38 @@ Mcu::Answer Mcu::act(const Frame& req, uint8_t answer_seq) {
             return data(cmd::kDebugDevice, debug_payload(code, &req));
         }
         case cmd::kSystemReset:
-            if (p.size() != 4 || p[0] != 0xAA || p[1] != 0x55) {
-                log_.line("RESET bad payload " + to_hex(p));
-                return result(1);
-            }
-            log_.line("RESET " + std::to_string(p[2] | (p[3] << 8)));
-            return result(0);
+            if (p.size() != 4 || p[0] != 0xAA || p[1] != 0x55)
+                return logged(1, "RESET bad payload " + to_hex(p));
+            return logged(0, "RESET " + std::to_string(p[2] | (p[3] << 8)));
         case cmd::kRequestUpgrade:
-            log_.line("REQUEST_UPGRADE");
-            return result(0);
-        case cmd::kEraseFlash: {
-            if (p.size() != 4) {
-                log_.line("ERASE bad payload " + to_hex(p));
-                return result(1);
-            }
-            const uint32_t size = get_u32(p, 0);
-            if (size > opt_.flash_size) {
-                log_.line("ERASE " + std::to_string(size) + " refused: flash size " +
-                          std::to_string(opt_.flash_size));
-                return result(1);
-            }
+            return logged(0, "REQUEST_UPGRADE");
+        case cmd::kEraseFlash:
+            if (p.size() != 4)
+                return logged(1, "ERASE bad payload " + to_hex(p));
+            if (get_u32(p, 0) > opt_.flash_size)
+                return logged(1, "ERASE " + std::to_string(get_u32(p, 0)) +
+                                     " refused: flash size " + std::to_string(opt_.flash_size));
             image_.clear();
-            expected_size_ = size;
-            have_chunk_seq_ = false;
-            log_.line("ERASE " + std::to_string(size));
-            return result(0);
-        }
+            expected_size_ = get_u32(p, 0);
+            chunk_seq_a_ = chunk_seq_b_ = -1;
+            return logged(0, "ERASE " + std::to_string(expected_size_));
         case cmd::kDownloading:
-            if (have_chunk_seq_ && (req.seq == chunk_seq_a_ || req.seq == chunk_seq_b_)) {
-                log_.line("DUP " + std::to_string(req.seq));
-                return result(0);
-            }
-            if (image_.size() + p.size() > opt_.flash_size) {
-                log_.line("NOTE image overflow at " + std::to_string(image_.size()));
-                return result(1);
-            }
+            if (req.seq == chunk_seq_a_ || req.seq == chunk_seq_b_)
+                return logged(0, "DUP " + std::to_string(req.seq));
+            if (image_.size() + p.size() > opt_.flash_size)
+                return logged(1, "NOTE image overflow at " + std::to_string(image_.size()));
             image_.insert(image_.end(), p.begin(), p.end());
-            have_chunk_seq_ = true;
             chunk_seq_a_ = req.seq;
             chunk_seq_b_ = answer_seq;
             return result(0);
         case cmd::kCrcCheck: {
             const uint8_t have = crc8(image_.data(), image_.size());
-            const bool ok = p.size() == 1 && p[0] == have && image_.size() == expected_size_;
-            log_.line(ok ? "CRC ok" : "CRC bad");
-            if (!ok) {
-                log_.line("NOTE crc got " + to_hex(p) + " image " + hex2(have) + " size " +
-                          std::to_string(image_.size()) + " expected " +
-                          std::to_string(expected_size_));
-            }
-            return result(ok ? 0 : 1);
+            if (p.size() == 1 && p[0] == have && image_.size() == expected_size_)
+                return logged(0, "CRC ok");
+            log_.line("CRC bad");
+            return logged(1, "NOTE crc got " + to_hex(p) + " image " + hex2(have) + " size " +
+                                 std::to_string(image_.size()) + " expected " +
+                                 std::to_string(expected_size_));
         }
         case cmd::kAppGo: {
             log_.line("APP_GO " + std::to_string(image_.size()));

@@ -61,9 +61,8 @@ private:
     // Bootloader model.
     Bytes image_;
     uint32_t expected_size_ = 0;
-    bool have_chunk_seq_ = false;
-    uint8_t chunk_seq_a_ = 0;  // seq of the frame that carried the last stored chunk
-    uint8_t chunk_seq_b_ = 0;  // seq of the frame it was answered under (a busy poll)
+    int chunk_seq_a_ = -1;  // seq of the frame that carried the last stored chunk
+    int chunk_seq_b_ = -1;  // seq of the frame it was answered under (a busy poll)
 };
 
 }  // namespace vmcu

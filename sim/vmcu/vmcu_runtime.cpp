@@ -47,14 +47,6 @@ void Logger::write(FILE* f, const void* data, size_t len) {
     }
 }
 
-void Logger::close() {
-    for (FILE** f : {&log_, &raw_}) {
-        if (*f != nullptr)
-            std::fclose(*f);
-        *f = nullptr;
-    }
-}
-
 Runtime::Runtime(const Options& opt) : start_(now_ms()) {
     exit_at_ = opt.exit_after_ms > 0 ? start_ + opt.exit_after_ms : -1;
     for (const Emit& e : opt.emits)

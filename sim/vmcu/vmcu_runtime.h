@@ -21,13 +21,16 @@ inline int64_t now_ms() {
 // so that a test can read them while the vmcu is still running.
 class Logger {
 public:
-    ~Logger() { close(); }
+    ~Logger() {
+        for (FILE* f : {log_, raw_})
+            if (f != nullptr)
+                std::fclose(f);
+    }
     // Empty paths disable the respective output. False (errno set) when a file
     // cannot be opened.
     bool open(const std::string& log_path, const std::string& raw_path);
     void line(const std::string& text) { write(log_, (text + "\n").data(), text.size() + 1); }
     void raw(const uint8_t* data, size_t len) { write(raw_, data, len); }
-    void close();
 
 private:
     static void write(FILE* f, const void* data, size_t len);
