@@ -50,10 +50,8 @@ struct CrcPolicy {
 // reported through the callbacks in the order they are recognised.
 class StreamReceiver {
 public:
-    using FrameFn = std::function<void(const Frame&)>;
-    using BadFn = std::function<void(const std::string&)>;
-
-    StreamReceiver(CrcPolicy policy, FrameFn on_frame, BadFn on_bad)
+    StreamReceiver(CrcPolicy policy, std::function<void(const Frame&)> on_frame,
+                   std::function<void(const std::string&)> on_bad)
         : policy_(policy), on_frame_(std::move(on_frame)), on_bad_(std::move(on_bad)) {}
 
     void feed(const uint8_t* data, size_t len);
@@ -67,8 +65,8 @@ private:
     void scan();
 
     CrcPolicy policy_;
-    FrameFn on_frame_;
-    BadFn on_bad_;
+    std::function<void(const Frame&)> on_frame_;
+    std::function<void(const std::string&)> on_bad_;
     Bytes buf_;  // starts with 0xFD whenever it is not empty
 };
 

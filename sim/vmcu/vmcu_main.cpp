@@ -26,7 +26,7 @@ int main(int argc, char** argv) {
     }
     vmcu::Runtime rt(opt);
     if (!rt.init()) {
-        std::fprintf(stderr, "vmcu: cannot install signal handlers: %s\n", std::strerror(errno));
+        std::fprintf(stderr, "vmcu: cannot take the stop signals: %s\n", std::strerror(errno));
         return 1;
     }
     vmcu::Mcu mcu(opt, log);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 
 namespace vmcu {
 
@@ -26,11 +27,10 @@ constexpr uint8_t kNak = 255;
 
 Rule* Mcu::take_rule(uint8_t msgid) {
     for (Rule& r : rules_) {
-        if (r.remaining == 0 || (r.msgid >= 0 && r.msgid != msgid))
-            continue;
-        if (r.remaining > 0)
-            --r.remaining;
-        return &r;
+        if (r.remaining != 0 && (r.msgid < 0 || r.msgid == msgid)) {
+            r.remaining -= r.remaining > 0 ? 1 : 0;
+            return &r;
+        }
     }
     return nullptr;
 }
@@ -53,8 +53,12 @@ Reply Mcu::handle(const Frame& req) {
         return asked ? act(*asked, req.seq) : Answer{};
     };
     // The frame sent back, and how an answer fills it in for this link.
-    uint8_t seq = req.seq, dest = req.sysid, src = kOwnId, msgid = 0;
-    Bytes payload, frame;
+    uint8_t seq = req.seq;
+    uint8_t dest = req.sysid;
+    uint8_t src = kOwnId;
+    uint8_t msgid = 0;
+    Bytes payload;
+    Bytes frame;  // set by the rules that spoil the encoded frame
     auto answer = [&](const Answer& a) {
         const uint8_t code = static_cast<uint8_t>(a.code);
         msgid = a.code < 0 ? a.msgid : spi_ ? spi_result_id(req) : code ? cmd::kNak : cmd::kAck;
@@ -103,7 +107,7 @@ Reply Mcu::handle(const Frame& req) {
         case Action::kHeartbeat:
             normal();
             msgid = cmd::kHeartbeat;
-            payload = kHeartbeatPayload;
+            payload.assign(std::begin(kHeartbeatPayload), std::end(kHeartbeatPayload));
             break;
         case Action::kDebugReply:
             normal();
@@ -116,17 +120,11 @@ Reply Mcu::handle(const Frame& req) {
             if (spi_)
                 payload.assign(1, 0);
             break;
-        case Action::kBadSeq:
-            answer(normal());
-            ++seq;
-            break;
+        case Action::kBadSeq:  // seq, source or destination one too high
         case Action::kBadSys:
-            answer(normal());
-            ++src;
-            break;
         case Action::kBadComp:
             answer(normal());
-            ++dest;
+            ++(action == Action::kBadSeq ? seq : action == Action::kBadSys ? src : dest);
             break;
         case Action::kLowId:
             answer(normal());
@@ -178,15 +176,10 @@ uint8_t Mcu::spi_result_id(const Frame& req) {
     // The tool takes any frame with a data request's own id for the data, so
     // a result code for such a request only reaches it as QUERY_DEVICE.
     // Every other request gets its own id back (a poll: QUERY_DEVICE).
-    switch (req.msgid) {
-        case cmd::kGetSn:
-        case cmd::kGetFlashSize:
-        case cmd::kGetVersions:
-        case cmd::kGetTimeRetry:
-            return cmd::kQueryDevice;
-        default:
-            return req.msgid;
-    }
+    const uint8_t id = req.msgid;
+    const bool data = id == cmd::kGetSn || id == cmd::kGetFlashSize || id == cmd::kGetVersions ||
+                      id == cmd::kGetTimeRetry;
+    return data ? cmd::kQueryDevice : id;
 }
 
 Mcu::Answer Mcu::act(const Frame& req, uint8_t answer_seq) {

@@ -56,7 +56,7 @@ private:
     std::vector<Rule> rules_;
     std::optional<Frame> pending_;  // request answered with BUSY, awaiting a poll
     uint8_t emit_seq_ = 0;
-    std::mt19937 rng_{1};  // the noise of garbage=N
+    std::mt19937 rng_{1};  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same noise every run
 
     // Bootloader model.
     Bytes image_;

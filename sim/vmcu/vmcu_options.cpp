@@ -63,7 +63,8 @@ const char kHelp[] =
 
 bool parse_number(const std::string& s, unsigned long long max, unsigned long long* out,
                   bool decimal = true) {
-    if (s.empty() || s[0] == '-' || (decimal && s.find_first_not_of("0123456789") != s.npos))
+    if (s.empty() || s[0] == '-' ||
+        (decimal && s.find_first_not_of("0123456789") != std::string::npos))
         return false;
     errno = 0;
     char* end = nullptr;
@@ -74,7 +75,8 @@ bool parse_number(const std::string& s, unsigned long long max, unsigned long lo
 bool parse_hex_byte(std::string s, uint8_t* out) {
     if (s.size() > 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X'))
         s = s.substr(2);
-    if (s.empty() || s.size() > 2 || s.find_first_not_of("0123456789abcdefABCDEF") != s.npos)
+    if (s.empty() || s.size() > 2 ||
+        s.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
         return false;
     *out = static_cast<uint8_t>(std::strtoul(s.c_str(), nullptr, 16));
     return true;
@@ -84,19 +86,19 @@ bool parse_hex_byte(std::string s, uint8_t* out) {
 bool take_count(std::string* s, int dflt, int* n) {
     const size_t star = s->rfind('*');
     unsigned long long v = 0;
-    if (star != s->npos && !parse_number(s->substr(star + 1), 1000000000, &v))
+    if (star != std::string::npos && !parse_number(s->substr(star + 1), 1000000000, &v))
         return false;
-    *n = star == s->npos ? dflt : static_cast<int>(v);
+    *n = star == std::string::npos ? dflt : static_cast<int>(v);
     *s = s->substr(0, star);
     return true;
 }
 
 // Splits "NAME=ARG" into NAME and ARG; true when there is an '='.
-bool split_arg(std::string s, std::string* name, std::string* arg) {
+bool split_arg(const std::string& s, std::string* name, std::string* arg) {
     const size_t eq = s.find('=');
     *name = s.substr(0, eq);
-    *arg = eq == s.npos ? "" : s.substr(eq + 1);
-    return eq != s.npos;
+    *arg = eq == std::string::npos ? "" : s.substr(eq + 1);
+    return eq != std::string::npos;
 }
 
 // The rule actions by name, in the order of enum Action, and the largest
@@ -114,14 +116,16 @@ bool parse_rule(std::string s, Rule* r) {
     r->text = s;
     const size_t colon = s.find(':');
     uint8_t id = 0;
-    if (colon == s.npos || (s.substr(0, colon) != "*" && !parse_hex_byte(s.substr(0, colon), &id)))
+    if (colon == std::string::npos ||
+        (s.substr(0, colon) != "*" && !parse_hex_byte(s.substr(0, colon), &id)))
         return false;
     r->msgid = s[0] == '*' ? -1 : id;
     s = s.substr(colon + 1);
     if (!take_count(&s, 1, &r->remaining))
         return false;
     r->remaining = r->remaining == 0 ? -1 : r->remaining;
-    std::string name, arg;
+    std::string name;
+    std::string arg;
     const bool has_arg = split_arg(s, &name, &arg);
     for (size_t i = 1; i < std::size(kActions); ++i) {
         if (name != kActions[i] || has_arg != (kMaxArg[i] > 0))
@@ -138,9 +142,11 @@ bool parse_rule(std::string s, Rule* r) {
     return false;
 }
 
-bool parse_emit(std::string s, Emit* e) {
+bool parse_emit(const std::string& s, Emit* e) {
     const size_t at = s.rfind('@');
-    std::string timing = at == s.npos ? "" : s.substr(at + 1), kind, arg;
+    std::string timing = at == std::string::npos ? "" : s.substr(at + 1);
+    std::string kind;
+    std::string arg;
     unsigned long long period = 0;
     if (!take_count(&timing, -1, &e->count) || !parse_number(timing, 86400000, &period) ||
         period == 0)
@@ -149,7 +155,7 @@ bool parse_emit(std::string s, Emit* e) {
     const bool has_arg = split_arg(s.substr(0, at), &kind, &arg);
     if (kind == "heartbeat" && !has_arg) {
         e->msgid = 208;
-        e->payload = kHeartbeatPayload;
+        e->payload.assign(std::begin(kHeartbeatPayload), std::end(kHeartbeatPayload));
     } else if (kind == "syslog") {  // by default event code 5, parameters 1, 2, 3, 4
         e->msgid = 229;
         if (!parse_hex(has_arg ? arg : "0500000001000000020000000300000004000000", &e->payload))
@@ -220,10 +226,16 @@ bool parse_options(int argc, char** argv, Options* opt, bool* help, std::string*
         {"--image", text(&opt->image_path)},
     };
 
+    auto fail = [err](const std::string& why) {
+        *err = why;
+        return false;
+    };
     bool have_link = false;
     for (int i = 1; i < argc; ++i) {
-        std::string name = argv[i], value;  // --NAME VALUE or --NAME=VALUE
-        const bool inline_value = name.rfind("--", 0) == 0 && split_arg(name, &name, &value);
+        const std::string word = argv[i];  // --NAME VALUE or --NAME=VALUE
+        std::string name = word;
+        std::string value;
+        const bool inline_value = word.rfind("--", 0) == 0 && split_arg(word, &name, &value);
         if ((name == "--help" || name == "-h") && !inline_value) {
             *help = true;
             return true;
@@ -234,30 +246,20 @@ bool parse_options(int argc, char** argv, Options* opt, bool* help, std::string*
             continue;
         }
         const auto it = options.find(name);  // the options with a value
-        if (it == options.end()) {
-            *err = "unknown option: " + name;
-            return false;
-        }
-        if (!inline_value && i + 1 >= argc) {
-            *err = name + " needs a value";
-            return false;
-        }
+        if (it == options.end())
+            return fail("unknown option: " + name);
+        if (!inline_value && i + 1 >= argc)
+            return fail(name + " needs a value");
         if (!inline_value)
             value = argv[++i];
-        if (!it->second(value)) {
-            *err = "bad " + name + " value: " + value;
-            return false;
-        }
+        if (!it->second(value))
+            return fail(std::string("bad ").append(name).append(" value: ").append(value));
         if (name == "--spi") {
             opt->link = LinkKind::kSpi;
             have_link = true;
         }
     }
-    if (!have_link) {
-        *err = "one of --pty or --spi SOCKET is required";
-        return false;
-    }
-    return true;
+    return have_link || fail("one of --pty or --spi SOCKET is required");
 }
 
 }  // namespace vmcu

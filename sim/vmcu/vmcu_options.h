@@ -46,7 +46,7 @@ struct Rule {
 };
 
 // What the vmcu's heartbeats carry: device type 14, status 1, cpu 50 %, memory 20 %.
-inline const Bytes kHeartbeatPayload = {0x0E, 0x01, 0x32, 0x14};
+constexpr uint8_t kHeartbeatPayload[] = {0x0E, 0x01, 0x32, 0x14};
 
 // An unsolicited frame, sent every period_ms, count times (-1: unlimited).
 struct Emit {

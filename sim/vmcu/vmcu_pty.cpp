@@ -14,13 +14,19 @@
 #include <cstring>
 
 #include "vmcu_link.h"
-#include "vmcu_termios.h"
 
 namespace vmcu {
 
 namespace {
 
 constexpr int64_t kRxGapMs = 100;  // an unfinished frame is dropped after this silence
+
+void sleep_until(int64_t deadline_ns) {
+    const struct timespec ts = {static_cast<time_t>(deadline_ns / 1000000000),
+                                static_cast<long>(deadline_ns % 1000000000)};
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) == EINTR) {
+    }
+}
 
 class PtyLink {
 public:
@@ -49,8 +55,9 @@ private:
     // `start_ns` (-1: from now), has passed.
     void send(const Bytes& bytes, int64_t start_ns = -1);
     // Wire time of nbytes at --baud, in nanoseconds.
-    int64_t wire_ns(size_t nbytes) const { return nbytes * 10000000000LL / opt_.baud; }
-    void sleep_until(int64_t deadline_ns) const;
+    int64_t wire_ns(size_t nbytes) const {
+        return static_cast<int64_t>(nbytes) * 10000000000 / opt_.baud;
+    }
 
     const Options& opt_;
     Mcu& mcu_;
@@ -89,14 +96,6 @@ std::string PtyLink::open_pty() {
     std::printf("pty: %s\n", path.c_str());
     std::fflush(stdout);
     return "";
-}
-
-void PtyLink::sleep_until(int64_t deadline_ns) const {
-    const struct timespec ts = {static_cast<time_t>(deadline_ns / 1000000000),
-                                static_cast<long>(deadline_ns % 1000000000)};
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) == EINTR &&
-           !rt_.stop_requested()) {
-    }
 }
 
 void PtyLink::send(const Bytes& bytes, int64_t start_ns) {

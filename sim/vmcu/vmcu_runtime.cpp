@@ -1,32 +1,15 @@
 #include "vmcu_runtime.h"
 
-#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/signalfd.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 
 namespace vmcu {
-
-namespace {
-
-volatile sig_atomic_t g_stop = 0;
-int g_wake_fd = -1;
-
-void on_stop_signal(int) {
-    g_stop = 1;
-    if (g_wake_fd >= 0) {
-        const int saved = errno;
-        const char c = 's';
-        (void)!write(g_wake_fd, &c, 1);
-        errno = saved;
-    }
-}
-
-}  // namespace
 
 int64_t now_ns() {
     struct timespec ts;
@@ -54,25 +37,24 @@ Runtime::Runtime(const Options& opt) : start_(now_ms()) {
 }
 
 Runtime::~Runtime() {
-    g_wake_fd = -1;
-    for (int fd : pipe_)
-        if (fd >= 0)
-            close(fd);
+    if (signal_fd_ >= 0)
+        close(signal_fd_);
 }
 
 bool Runtime::init() {
-    if (pipe2(pipe_, O_CLOEXEC | O_NONBLOCK) != 0)
-        return false;
-    g_wake_fd = pipe_[1];
-    struct sigaction sa {};
-    sa.sa_handler = on_stop_signal;
-    sigemptyset(&sa.sa_mask);
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGTERM);
+    sigaddset(&stop, SIGINT);
     signal(SIGPIPE, SIG_IGN);
-    return sigaction(SIGTERM, &sa, nullptr) == 0 && sigaction(SIGINT, &sa, nullptr) == 0;
+    if (sigprocmask(SIG_BLOCK, &stop, nullptr) == 0)
+        signal_fd_ = signalfd(-1, &stop, SFD_CLOEXEC | SFD_NONBLOCK);
+    return signal_fd_ >= 0;
 }
 
 bool Runtime::stop_requested() const {
-    return g_stop != 0;
+    struct pollfd p = {signal_fd_, POLLIN, 0};
+    return poll(&p, 1, 0) > 0;
 }
 
 std::vector<const Emit*> Runtime::due_emits(int64_t now) {

@@ -45,10 +45,10 @@ public:
     Runtime(const Runtime&) = delete;
     Runtime& operator=(const Runtime&) = delete;
 
-    // Installs the SIGTERM/SIGINT handlers. False on failure.
+    // Takes SIGTERM and SIGINT through a descriptor instead of handlers. False on failure.
     bool init();
     // Readable when a stop signal arrived; include it in every poll().
-    int signal_fd() const { return pipe_[0]; }
+    int signal_fd() const { return signal_fd_; }
     bool stop_requested() const;
     // Why the vmcu ends at `now` ("signal", "time limit"), or nullptr.
     const char* exit_reason(int64_t now) const {
@@ -70,7 +70,7 @@ private:
         int64_t next;
         int left;  // -1 unlimited
     };
-    int pipe_[2] = {-1, -1};
+    int signal_fd_ = -1;  // SIGTERM and SIGINT, blocked, arrive here
     int64_t start_;
     int64_t exit_at_;
     std::vector<Slot> slots_;

@@ -71,7 +71,7 @@ std::string SpiLink::listen_on() {
     if (listen_fd_ < 0 ||
         bind(listen_fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0 ||
         listen(listen_fd_, 8) != 0) {
-        const std::string err = "listen on " + path + ": " + std::strerror(errno);
+        std::string err = "listen on " + path + ": " + std::strerror(errno);
         close(listen_fd_);
         listen_fd_ = -1;
         return err;

@@ -194,7 +194,7 @@ extern "C" {
 // The mode argument, present only when the flags create a file.
 #define VMCU_MODE(flags)                                              \
     mode_t mode = 0;                                                  \
-    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) { \
+    if (((flags)&O_CREAT) != 0 || ((flags)&O_TMPFILE) == O_TMPFILE) { \
         va_list ap;                                                   \
         va_start(ap, flags);                                          \
         mode = static_cast<mode_t>(va_arg(ap, int));                  \

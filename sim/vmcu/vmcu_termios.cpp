@@ -1,4 +1,4 @@
-#include "vmcu_termios.h"
+#include "vmcu_link.h"
 
 #include <asm/ioctls.h>
 #include <asm/termbits.h>
