@@ -262,7 +262,7 @@ Mcu::Answer Mcu::act(const Frame& req, uint8_t answer_seq) {
 // Debug replies: code, then four parameters. Code 1: 0x11, 0x22; code 2
 // echoes the request's first parameter; the link counters (codes 4 to 20)
 // read CODE*100+1; cpu and memory usage (32, 33) four figures each.
-Bytes Mcu::debug_payload(uint32_t code, const Frame* req) const {
+Bytes Mcu::debug_payload(uint32_t code, const Frame* req) {
     uint32_t prm[4] = {0, 0, 0, 0};
     if (code == 1) {
         prm[0] = 0x11;

@@ -46,7 +46,7 @@ private:
     Rule* take_rule(uint8_t msgid);
     // Acts on the request and returns its normal answer.
     Answer act(const Frame& req, uint8_t answer_seq);
-    Bytes debug_payload(uint32_t code, const Frame* req) const;
+    static Bytes debug_payload(uint32_t code, const Frame* req);
     // Message id of an SPI result-code answer to `req`.
     static uint8_t spi_result_id(const Frame& req);
 

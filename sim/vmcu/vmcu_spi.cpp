@@ -45,7 +45,7 @@ private:
     // False when the client is gone or broke the protocol.
     bool read_client(Client& c);
     bool process(int fd, uint8_t type, uint8_t sub, const Bytes& body);
-    bool reply(int fd, uint8_t type, uint8_t sub, const Bytes& data);
+    static bool reply(int fd, uint8_t type, uint8_t sub, const Bytes& data);
     // Clocks out the next queued frame into *rx; false when the transfer fails.
     bool transfer(const Bytes& tx, Bytes* rx);
     void enqueue(Bytes bytes);
