@@ -1,5 +1,5 @@
 // Behaviour of the virtual MCU: what it answers to each request, its fault
-// rules, its bootloader state and its unsolicited messages. Independent of the
+// rules, the image it is sent and its unsolicited messages. Independent of the
 // link; the link code only moves the bytes this produces.
 #pragma once
 

@@ -21,6 +21,9 @@ inline int64_t now_ms() {
 // so that a test can read them while the vmcu is still running.
 class Logger {
 public:
+    Logger() = default;
+    Logger(const Logger&) = delete;
+    Logger& operator=(const Logger&) = delete;
     ~Logger() {
         for (FILE* f : {log_, raw_})
             if (f != nullptr)
