@@ -16,10 +16,11 @@ std::string describe_termios(int fd) {
     struct termios t = {};
     if (ioctl(fd, TCGETS, &t) != 0)
         return std::string("TERMIOS unavailable: ") + std::strerror(errno);
-    // The rates the tool names; any other it sets as BOTHER with the rate in termios2.
-    const unsigned rates[] = {B9600, B115200, B230400, B460800, B921600, B1152000, BOTHER};
-    const char* const names[] = {"B9600",   "B115200",  "B230400", "B460800",
-                                 "B921600", "B1152000", "BOTHER"};
+    // The rates the tool names (any other it sets as BOTHER with the rate in
+    // termios2) and a new pty's B38400.
+    const unsigned rates[] = {B9600, B38400, B115200, B230400, B460800, B921600, B1152000, BOTHER};
+    const char* const names[] = {"B9600",   "B38400",  "B115200",  "B230400",
+                                 "B460800", "B921600", "B1152000", "BOTHER"};
     const char* cbaud = "unknown";
     for (size_t i = 0; i < std::size(rates); ++i)
         cbaud = rates[i] == (t.c_cflag & CBAUD) ? names[i] : cbaud;
