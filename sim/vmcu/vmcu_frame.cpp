@@ -5,128 +5,70 @@
 
 namespace vmcu {
 
+namespace {
+
+// CRC-16/MCRF4XX, one byte at a time (bit-reflected 0x1021, init 0xFFFF).
 uint16_t crc16_step(uint8_t byte, uint16_t crc) {
     uint8_t t = static_cast<uint8_t>(byte ^ (crc & 0xFF));
     t = static_cast<uint8_t>(t ^ (t << 4));
     return static_cast<uint16_t>((crc >> 8) ^ (t << 8) ^ (t << 3) ^ (t >> 4));
 }
 
-uint16_t crc16(const uint8_t* data, size_t len, uint16_t crc) {
-    for (size_t i = 0; i < len; ++i) {
+uint16_t crc16(const uint8_t* data, size_t len, uint16_t crc = 0xFFFF) {
+    for (size_t i = 0; i < len; ++i)
         crc = crc16_step(data[i], crc);
-    }
     return crc;
 }
 
-uint8_t sum8(const uint8_t* data, size_t len) {
-    unsigned s = 0;
-    for (size_t i = 0; i < len; ++i) {
-        s += data[i];
-    }
-    return static_cast<uint8_t>(s);
-}
-
-uint8_t crc8(const uint8_t* data, size_t len) {
-    uint8_t c = 0;
-    for (size_t i = 0; i < len; ++i) {
-        c ^= data[i];
-        for (int b = 0; b < 8; ++b) {
-            c = (c & 0x80) ? static_cast<uint8_t>((c << 1) ^ 0x07) : static_cast<uint8_t>(c << 1);
-        }
-    }
-    return c;
-}
-
-Bytes encode_frame(uint8_t seq, uint8_t compid, uint8_t sysid, uint8_t msgid, const Bytes& payload,
-                   uint8_t extra) {
-    Bytes f;
-    f.reserve(payload.size() + kOverhead);
-    f.push_back(kMagic);
-    f.push_back(static_cast<uint8_t>(payload.size() & 0xFF));
-    f.push_back(static_cast<uint8_t>((payload.size() >> 8) & 0xFF));
-    f.push_back(seq);
-    f.push_back(compid);
-    f.push_back(sysid);
-    f.push_back(msgid);
-    f.push_back(sum8(f.data(), 7));
-    f.insert(f.end(), payload.begin(), payload.end());
-    uint16_t crc = crc16(f.data() + 1, f.size() - 1);
-    crc = crc16_step(extra, crc);
-    f.push_back(static_cast<uint8_t>(crc & 0xFF));
-    f.push_back(static_cast<uint8_t>(crc >> 8));
-    return f;
-}
-
+// Checks the CRC of a complete candidate frame (wire bytes, header included).
 bool crc_ok(const Bytes& wire, const CrcPolicy& policy) {
-    if (wire.size() < kOverhead) {
+    if (wire.size() < kOverhead)
         return false;
-    }
     const size_t body = wire.size() - 2;
     const uint16_t got = static_cast<uint16_t>(wire[body] | (wire[body + 1] << 8));
     const uint16_t partial = crc16(wire.data() + 1, body - 1);
-    if (policy.none || (policy.any && partial == got)) {
-        return partial == got;
-    }
-    if (!policy.any) {
-        return crc16_step(policy.extra, partial) == got;
-    }
-    for (int e = 0; e < 256; ++e) {
-        if (crc16_step(static_cast<uint8_t>(e), partial) == got) {
+    if (policy.any && partial == got)
+        return true;
+    for (int e = 0; e < 256; ++e)
+        if ((policy.any || e == policy.extra) &&
+            crc16_step(static_cast<uint8_t>(e), partial) == got)
             return true;
-        }
-    }
     return false;
 }
 
-namespace {
-
-enum class Verdict { kNeedMore, kSkipByte, kSkipFrame, kOk };
-
-struct Candidate {
-    Verdict verdict = Verdict::kNeedMore;
-    size_t length = 0;  // whole frame length once known
-    std::string reason;
-};
-
-std::string hex2(unsigned v) {
-    char b[8];
-    std::snprintf(b, sizeof b, "%02X", v & 0xFFu);
-    return b;
-}
-
-// Judges the candidate frame starting at p[0] == 0xFD with n bytes available.
-Candidate judge(const uint8_t* p, size_t n, const CrcPolicy& policy) {
-    Candidate c;
-    if (n < 3) {
-        return c;
+// Finds the first valid frame in p[*pos..n): returns its length with *pos at
+// its start, or 0 with *pos at an unfinished candidate (or at n). A candidate
+// with a bad header is skipped one byte at a time, a frame with a bad CRC
+// whole; each is reported to `bad`.
+size_t next_frame(const uint8_t* p, size_t n, size_t* pos, const CrcPolicy& policy,
+                  const std::function<void(const std::string&)>& bad) {
+    for (; *pos < n; ++*pos) {
+        const uint8_t* f = p + *pos;
+        const size_t avail = n - *pos;
+        if (f[0] != kMagic)
+            continue;
+        if (avail < 3)
+            return 0;
+        const size_t len = f[1] | (f[2] << 8);
+        if (len > kMaxPayload) {
+            bad("len " + std::to_string(len));
+            continue;
+        }
+        if (avail < kHeaderLen)
+            return 0;
+        if (sum8(f, 7) != f[7]) {
+            bad("csum " + hex2(f[7]) + " != " + hex2(sum8(f, 7)));
+            continue;
+        }
+        if (avail < len + kOverhead)
+            return 0;
+        const Bytes wire(f, f + len + kOverhead);
+        if (crc_ok(wire, policy))
+            return wire.size();
+        bad("crc msgid " + hex2(f[6]) + " seq " + std::to_string(f[3]) + " " + to_hex(wire));
+        *pos += wire.size() - 1;
     }
-    const size_t len = p[1] | (p[2] << 8);
-    if (len > kMaxPayload) {
-        c.verdict = Verdict::kSkipByte;
-        c.reason = "len " + std::to_string(len);
-        return c;
-    }
-    if (n < kHeaderLen) {
-        return c;
-    }
-    const uint8_t sum = sum8(p, 7);
-    if (sum != p[7]) {
-        c.verdict = Verdict::kSkipByte;
-        c.reason = "csum " + hex2(p[7]) + " != " + hex2(sum);
-        return c;
-    }
-    c.length = len + kOverhead;
-    if (n < c.length) {
-        return c;
-    }
-    Bytes wire(p, p + c.length);
-    if (!crc_ok(wire, policy)) {
-        c.verdict = Verdict::kSkipFrame;
-        c.reason = "crc msgid " + hex2(p[6]) + " seq " + std::to_string(p[3]) + " " + to_hex(wire);
-        return c;
-    }
-    c.verdict = Verdict::kOk;
-    return c;
+    return 0;
 }
 
 Frame make_frame(const uint8_t* p, size_t length) {
@@ -142,50 +84,53 @@ Frame make_frame(const uint8_t* p, size_t length) {
 
 }  // namespace
 
-void StreamReceiver::feed(const uint8_t* data, size_t len) {
+uint8_t sum8(const uint8_t* data, size_t len) {
+    unsigned s = 0;
+    for (size_t i = 0; i < len; ++i)
+        s += data[i];
+    return static_cast<uint8_t>(s);
+}
+
+uint8_t crc8(const uint8_t* data, size_t len) {
+    uint8_t c = 0;
     for (size_t i = 0; i < len; ++i) {
-        if (buf_.empty() && data[i] != kMagic) {
-            continue;  // noise between frames
-        }
-        buf_.push_back(data[i]);
+        c ^= data[i];
+        for (int b = 0; b < 8; ++b)
+            c = (c & 0x80) ? static_cast<uint8_t>((c << 1) ^ 0x07) : static_cast<uint8_t>(c << 1);
     }
+    return c;
+}
+
+Bytes encode_frame(uint8_t seq, uint8_t compid, uint8_t sysid, uint8_t msgid,
+                   const Bytes& payload) {
+    Bytes f = {kMagic, 0, 0, seq, compid, sysid, msgid};
+    f[1] = static_cast<uint8_t>(payload.size() & 0xFF);
+    f[2] = static_cast<uint8_t>((payload.size() >> 8) & 0xFF);
+    f.push_back(sum8(f.data(), 7));
+    f.insert(f.end(), payload.begin(), payload.end());
+    append_crc(&f);
+    return f;
+}
+
+void append_crc(Bytes* f) {
+    put_u16(f, crc16_step(0, crc16(f->data() + 1, f->size() - 1)));
+}
+
+void StreamReceiver::feed(const uint8_t* data, size_t len) {
+    buf_.insert(buf_.end(), data, data + len);
     scan();
 }
 
 void StreamReceiver::scan() {
     size_t pos = 0;
-    while (pos < buf_.size()) {
-        if (buf_[pos] != kMagic) {
-            ++pos;
-            continue;
-        }
-        const Candidate c = judge(buf_.data() + pos, buf_.size() - pos, policy_);
-        if (c.verdict == Verdict::kNeedMore) {
-            break;
-        }
-        if (c.verdict == Verdict::kSkipByte) {
-            on_bad_(c.reason);
-            ++pos;
-        } else if (c.verdict == Verdict::kSkipFrame) {
-            on_bad_(c.reason);
-            pos += c.length;
-        } else {
-            const Frame f = make_frame(buf_.data() + pos, c.length);
-            pos += c.length;
-            on_frame_(f);
-        }
-    }
-    // Keep only an unfinished candidate (which starts with 0xFD).
-    while (pos < buf_.size() && buf_[pos] != kMagic) {
-        ++pos;
-    }
+    for (size_t n; (n = next_frame(buf_.data(), buf_.size(), &pos, policy_, on_bad_)) > 0; pos += n)
+        on_frame_(make_frame(buf_.data() + pos, n));
     buf_.erase(buf_.begin(), buf_.begin() + static_cast<std::ptrdiff_t>(pos));
 }
 
 void StreamReceiver::abandon_partial() {
-    if (buf_.empty()) {
+    if (buf_.empty())
         return;
-    }
     on_bad_("incomplete " + std::to_string(buf_.size()) + " bytes " + to_hex(buf_));
     buf_.erase(buf_.begin());
     scan();
@@ -194,30 +139,13 @@ void StreamReceiver::abandon_partial() {
 BlockScan scan_block(const uint8_t* data, size_t len, const CrcPolicy& policy) {
     BlockScan out;
     size_t pos = 0;
-    while (pos < len) {
-        if (data[pos] != kMagic) {
-            ++pos;
-            continue;
-        }
-        const Candidate c = judge(data + pos, len - pos, policy);
-        switch (c.verdict) {
-            case Verdict::kNeedMore:
-                out.bad.push_back("truncated at offset " + std::to_string(pos));
-                return out;
-            case Verdict::kSkipByte:
-                out.bad.push_back(c.reason);
-                ++pos;
-                break;
-            case Verdict::kSkipFrame:
-                out.bad.push_back(c.reason);
-                pos += c.length;
-                break;
-            case Verdict::kOk:
-                out.found = true;
-                out.frame = make_frame(data + pos, c.length);
-                return out;
-        }
-    }
+    const size_t n = next_frame(data, len, &pos, policy,
+                                [&](const std::string& why) { out.bad.push_back(why); });
+    out.found = n > 0;
+    if (out.found)
+        out.frame = make_frame(data + pos, n);
+    else if (pos < len)
+        out.bad.push_back("truncated at offset " + std::to_string(pos));
     return out;
 }
 
@@ -235,9 +163,8 @@ std::string to_hex(const uint8_t* data, size_t len) {
 bool parse_hex(const std::string& text, Bytes* out) {
     std::string digits;
     size_t start = 0;
-    if (text.size() >= 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+    if (text.size() >= 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X'))
         start = 2;
-    }
     for (size_t i = start; i < text.size(); ++i) {
         const char ch = text[i];
         if (ch == ' ' || ch == ':' || ch == '-') {
@@ -246,18 +173,15 @@ bool parse_hex(const std::string& text, Bytes* out) {
             }
             continue;
         }
-        if (!std::isxdigit(static_cast<unsigned char>(ch))) {
+        if (!std::isxdigit(static_cast<unsigned char>(ch)))
             return false;
-        }
         digits.push_back(ch);
     }
-    if (digits.size() % 2 != 0) {
+    if (digits.size() % 2 != 0)
         return false;
-    }
     out->clear();
-    for (size_t i = 0; i < digits.size(); i += 2) {
+    for (size_t i = 0; i < digits.size(); i += 2)
         out->push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    }
     return true;
 }
 
@@ -267,17 +191,15 @@ void put_u16(Bytes* out, uint16_t v) {
 }
 
 void put_u32(Bytes* out, uint32_t v) {
-    for (int i = 0; i < 4; ++i) {
+    for (int i = 0; i < 4; ++i)
         out->push_back(static_cast<uint8_t>((v >> (8 * i)) & 0xFF));
-    }
 }
 
 uint32_t get_u32(const Bytes& in, size_t offset) {
     uint32_t v = 0;
     for (size_t i = 0; i < 4; ++i) {
-        if (offset + i < in.size()) {
+        if (offset + i < in.size())
             v |= static_cast<uint32_t>(in[offset + i]) << (8 * i);
-        }
     }
     return v;
 }

@@ -20,9 +20,6 @@ constexpr size_t kHeaderLen = 8;  // magic .. csum
 constexpr size_t kOverhead = 10;  // header + 2 CRC bytes
 constexpr size_t kMaxPayload = 65000;
 
-// CRC-16/MCRF4XX, one byte at a time (bit-reflected 0x1021, init 0xFFFF).
-uint16_t crc16_step(uint8_t byte, uint16_t crc);
-uint16_t crc16(const uint8_t* data, size_t len, uint16_t crc = 0xFFFF);
 // 8-bit plain sum, used for the header checksum over bytes 0..6.
 uint8_t sum8(const uint8_t* data, size_t len);
 // CRC-8, polynomial 0x07, init 0, no reflection, no final xor.
@@ -37,28 +34,24 @@ struct Frame {
     Bytes wire;  // the exact bytes as received or built
 };
 
-// Builds a complete frame; `extra` is the CRC extra byte folded in at the end.
-Bytes encode_frame(uint8_t seq, uint8_t compid, uint8_t sysid, uint8_t msgid, const Bytes& payload,
-                   uint8_t extra = 0);
+// Builds a complete frame (CRC extra byte 00).
+Bytes encode_frame(uint8_t seq, uint8_t compid, uint8_t sysid, uint8_t msgid, const Bytes& payload);
+// Appends the CRC (CRC-16/MCRF4XX over all but the start byte, then the extra
+// byte 00) to the frame bytes in *f.
+void append_crc(Bytes* f);
 
 // Which CRC extra byte(s) a receiver accepts.
 struct CrcPolicy {
     bool any = false;   // accept any extra byte, or none at all
-    bool none = false;  // the CRC covers the frame bytes only, no extra byte
     uint8_t extra = 0;  // otherwise exactly this one
 };
-
-// Checks the CRC of a complete candidate frame (wire bytes, header included).
-bool crc_ok(const Bytes& wire, const CrcPolicy& policy);
 
 // Incremental receiver for a byte stream. Valid frames and rejections are
 // reported through the callbacks in the order they are recognised.
 class StreamReceiver {
 public:
-    using FrameFn = std::function<void(const Frame&)>;
-    using BadFn = std::function<void(const std::string&)>;
-
-    StreamReceiver(CrcPolicy policy, FrameFn on_frame, BadFn on_bad)
+    StreamReceiver(CrcPolicy policy, std::function<void(const Frame&)> on_frame,
+                   std::function<void(const std::string&)> on_bad)
         : policy_(policy), on_frame_(std::move(on_frame)), on_bad_(std::move(on_bad)) {}
 
     void feed(const uint8_t* data, size_t len);
@@ -72,8 +65,8 @@ private:
     void scan();
 
     CrcPolicy policy_;
-    FrameFn on_frame_;
-    BadFn on_bad_;
+    std::function<void(const Frame&)> on_frame_;
+    std::function<void(const std::string&)> on_bad_;
     Bytes buf_;  // starts with 0xFD whenever it is not empty
 };
 
@@ -91,6 +84,9 @@ BlockScan scan_block(const uint8_t* data, size_t len, const CrcPolicy& policy);
 std::string to_hex(const uint8_t* data, size_t len);
 inline std::string to_hex(const Bytes& b) {
     return to_hex(b.data(), b.size());
+}
+inline std::string hex2(uint8_t b) {
+    return to_hex(&b, 1);
 }
 // Parses an even-length hex string (an optional 0x prefix and blanks, ':' or
 // '-' between bytes are allowed). Returns false on malformed input.

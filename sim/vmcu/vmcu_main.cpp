@@ -26,12 +26,10 @@ int main(int argc, char** argv) {
     }
     vmcu::Runtime rt(opt);
     if (!rt.init()) {
-        std::fprintf(stderr, "vmcu: cannot install signal handlers: %s\n", std::strerror(errno));
+        std::fprintf(stderr, "vmcu: cannot take the stop signals: %s\n", std::strerror(errno));
         return 1;
     }
     vmcu::Mcu mcu(opt, log);
-    const int rc = opt.link == vmcu::LinkKind::kTty ? vmcu::run_pty(opt, mcu, log, rt)
-                                                    : vmcu::run_spi(opt, mcu, log, rt);
-    log.close();
-    return rc;
+    return opt.link == vmcu::LinkKind::kTty ? vmcu::run_pty(opt, mcu, log, rt)
+                                            : vmcu::run_spi(opt, mcu, log, rt);
 }

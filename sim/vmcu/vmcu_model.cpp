@@ -2,253 +2,193 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 
 namespace vmcu {
 
-namespace {
+namespace cmd {
+constexpr uint8_t kHeartbeat = 208;
+constexpr uint8_t kSystemReset = 209;
+constexpr uint8_t kGetSn = 213;
+constexpr uint8_t kGetFlashSize = 214;
+constexpr uint8_t kRequestUpgrade = 215;
+constexpr uint8_t kEraseFlash = 216;
+constexpr uint8_t kDownloading = 217;
+constexpr uint8_t kGetVersions = 219;
+constexpr uint8_t kCrcCheck = 220;
+constexpr uint8_t kAppGo = 221;
+constexpr uint8_t kGetTimeRetry = 222;
+constexpr uint8_t kQueryDevice = 224;
+constexpr uint8_t kDebugDevice = 230;
+constexpr uint8_t kBusy = 253;
+constexpr uint8_t kAck = 254;
+constexpr uint8_t kNak = 255;
+}  // namespace cmd
 
-std::string hex2(unsigned v) {
-    char b[8];
-    std::snprintf(b, sizeof b, "%02X", v & 0xFFu);
-    return b;
-}
-
-// Rewrites the CRC after a header byte was changed on purpose.
-void reseal(Bytes* f) {
-    const size_t body = f->size() - 2;
-    uint16_t crc = crc16(f->data() + 1, body - 1);
-    crc = crc16_step(0, crc);
-    (*f)[body] = static_cast<uint8_t>(crc & 0xFF);
-    (*f)[body + 1] = static_cast<uint8_t>(crc >> 8);
-}
-
-}  // namespace
-
-Mcu::Mcu(const Options& opt, Logger& log)
-    : opt_(opt), log_(log), spi_(opt.link == LinkKind::kSpi), rules_(opt.rules), rng_(opt.seed) {}
-
-const Rule* Mcu::take_rule(uint8_t msgid) {
+Rule* Mcu::take_rule(uint8_t msgid) {
     for (Rule& r : rules_) {
-        if (r.remaining == 0 || (r.msgid >= 0 && r.msgid != msgid)) {
-            continue;
+        if (r.remaining != 0 && (r.msgid < 0 || r.msgid == msgid)) {
+            r.remaining -= r.remaining > 0 ? 1 : 0;
+            return &r;
         }
-        if (r.remaining > 0) {
-            --r.remaining;
-        }
-        return &r;
     }
     return nullptr;
 }
 
 Reply Mcu::handle(const Frame& req) {
     Reply reply;
-    if (req.compid != opt_.id) {
-        if (opt_.strict_dest) {
-            log_.line("IGNORED dest " + hex2(req.compid));
-            return reply;
-        }
-        log_.line("NOTE dest " + hex2(req.compid) + " != id " + hex2(opt_.id));
-    }
+    if (req.compid != kOwnId)
+        log_.line("NOTE dest " + hex2(req.compid) + " != id " + hex2(kOwnId));
     const bool poll = req.msgid == cmd::kQueryDevice;
     const Rule* rule = take_rule(req.msgid);
-    if (rule != nullptr) {
+    const Action action = rule != nullptr ? rule->action : Action::kNone;
+    const uint32_t arg = rule != nullptr ? rule->arg : 0;
+    if (rule != nullptr)
         log_.line("RULE " + hex2(req.msgid) + " " + rule->text);
-    }
 
     // The normal answer: acts on the request (or on the request a poll asks about).
     auto normal = [&]() {
-        if (!poll) {
-            pending_.reset();
-            return act(req, req.seq);
-        }
-        if (!pending_) {
-            return result(0);
-        }
-        const Frame p = *pending_;
+        const std::optional<Frame> asked = poll ? pending_ : std::optional<Frame>(req);
         pending_.reset();
-        return act(p, req.seq);
+        return asked ? act(*asked, req.seq) : Answer{};
     };
-
-    Answer ans;
-    if (rule == nullptr) {
-        ans = normal();
-    } else {
-        switch (rule->action) {
-            case Action::kSilent:
-                return reply;
-            case Action::kXferFail:
-                if (spi_) {
-                    log_.line("XFERFAIL");
-                    reply.xfer_fail = true;
-                }
-                return reply;
-            case Action::kNak:
-                pending_.reset();
-                ans = result(1);
-                break;
-            case Action::kCode:
-                if (rule->arg == 0) {
-                    ans = normal();
-                } else {
-                    pending_.reset();
-                    ans = result(static_cast<uint8_t>(rule->arg));
-                }
-                break;
-            case Action::kBusy: {
-                if (!poll) {
-                    pending_ = req;
-                }
-                Bytes payload;
-                uint8_t msgid = cmd::kBusy;
-                if (spi_) {
-                    msgid = spi_result_id(req);
-                    payload.push_back(2);
-                }
-                put_u16(&payload, static_cast<uint16_t>(rule->arg));
-                reply.bytes = encode_frame(req.seq, req.sysid, opt_.id, msgid, payload);
-                return reply;
-            }
-            default:
-                ans = normal();
-                break;
-        }
-    }
-
-    uint8_t msgid = 0;
-    Bytes payload;
-    render(ans, req, &msgid, &payload);
+    // The frame sent back, and how an answer fills it in for this link.
     uint8_t seq = req.seq;
     uint8_t dest = req.sysid;
-    uint8_t src = opt_.id;
-    const Action action = rule != nullptr ? rule->action : Action::kSilent;
-    if (rule != nullptr) {
-        switch (action) {
-            case Action::kBadSeq:
-                seq = static_cast<uint8_t>(seq + 1);
-                break;
-            case Action::kBadSys:
-                src = static_cast<uint8_t>(src + 1);
-                break;
-            case Action::kBadComp:
-                dest = static_cast<uint8_t>(dest + 1);
-                break;
-            case Action::kLowId:
-                msgid = 207;
-                break;
-            case Action::kLong:
-                payload.push_back(0xA5);
-                break;
-            case Action::kShort:
-                payload.resize(std::min<size_t>(payload.size(), rule->arg));
-                break;
-            case Action::kOtherId:
-                msgid = static_cast<uint8_t>(rule->arg);
-                if (spi_) {
-                    payload.assign(1, 0);
-                }
-                break;
-            case Action::kHeartbeat:
-                msgid = cmd::kHeartbeat;
-                payload = opt_.heartbeat;
-                break;
-            case Action::kDebugReply:
-                msgid = cmd::kDebugDevice;
-                payload = debug_payload(rule->arg, req.msgid == cmd::kDebugDevice ? &req : nullptr);
-                break;
-            case Action::kAck:
-                if (spi_) {
-                    msgid = spi_result_id(req);
-                    payload.assign(1, 0);
-                } else {
-                    msgid = cmd::kAck;
-                    payload.clear();
-                }
-                break;
-            case Action::kNoAck:
-                return reply;
-            default:
-                break;
+    uint8_t src = kOwnId;
+    uint8_t msgid = 0;
+    Bytes payload;
+    Bytes frame;  // set by the rules that spoil the encoded frame
+    auto answer = [&](const Answer& a) {
+        const uint8_t code = static_cast<uint8_t>(a.code);
+        msgid = a.code < 0 ? a.msgid : spi_ ? spi_result_id(req) : code ? cmd::kNak : cmd::kAck;
+        payload = a.code < 0 ? a.payload : spi_ ? Bytes{code} : Bytes{};
+    };
+    auto encode = [&]() {
+        payload.resize(std::min(payload.size(), kMaxPayload));
+        return encode_frame(seq, dest, src, msgid, payload);
+    };
+
+    switch (action) {
+        case Action::kNone:
+            answer(normal());
+            break;
+        case Action::kSilent:
+            return reply;
+        case Action::kXferFail:  // a TTY has no transfer to fail: as silent
+            if (spi_) {
+                log_.line("XFERFAIL");
+                reply.xfer_fail = true;
+            }
+            return reply;
+        case Action::kNoAck:
+            normal();
+            return reply;
+        case Action::kNak:
+            pending_.reset();
+            answer(result(1));
+            break;
+        case Action::kCode:
+            if (arg != 0)
+                pending_.reset();
+            answer(arg != 0 ? result(static_cast<int>(arg)) : normal());
+            break;
+        case Action::kBusy:  // the request is kept and answered at the next poll
+            if (!poll)
+                pending_ = req;
+            msgid = spi_ ? spi_result_id(req) : cmd::kBusy;
+            payload = spi_ ? Bytes{2} : Bytes{};
+            put_u16(&payload, static_cast<uint16_t>(arg));
+            break;
+        case Action::kAck:
+            normal();
+            answer(result(0));
+            break;
+        case Action::kHeartbeat:
+            normal();
+            msgid = cmd::kHeartbeat;
+            payload.assign(std::begin(kHeartbeatPayload), std::end(kHeartbeatPayload));
+            break;
+        case Action::kDebugReply:
+            normal();
+            msgid = cmd::kDebugDevice;
+            payload = debug_payload(arg, req.msgid == cmd::kDebugDevice ? &req : nullptr);
+            break;
+        case Action::kOtherId:
+            answer(normal());
+            msgid = static_cast<uint8_t>(arg);
+            if (spi_)
+                payload.assign(1, 0);
+            break;
+        case Action::kBadSeq:  // seq, source or destination one too high
+        case Action::kBadSys:
+        case Action::kBadComp:
+            answer(normal());
+            ++(action == Action::kBadSeq ? seq : action == Action::kBadSys ? src : dest);
+            break;
+        case Action::kLowId:
+            answer(normal());
+            msgid = 207;
+            break;
+        case Action::kLong:
+            answer(normal());
+            payload.push_back(0xA5);
+            break;
+        case Action::kShort:
+            answer(normal());
+            payload.resize(std::min<size_t>(payload.size(), arg));
+            break;
+        case Action::kBadCrc:
+            answer(normal());
+            frame = encode();
+            frame[frame.size() - 2] ^= 0xFF;
+            break;
+        case Action::kBadSum:  // the CRC still matches the wrong checksum
+            answer(normal());
+            frame = encode();
+            frame.resize(frame.size() - 2);
+            ++frame[7];
+            append_crc(&frame);
+            break;
+        case Action::kBigLen:  // a length of 64,745 and only a few bytes
+            answer(normal());
+            frame = {kMagic, 0xE9, 0xFD, seq, dest, src, msgid, 0, 0, 0, 0, 0};
+            frame[7] = sum8(frame.data(), 7);
+            break;
+        case Action::kGarbage: {  // noise without a start byte before the answer
+            answer(normal());
+            std::uniform_int_distribution<int> dist(0, 255);
+            while (frame.size() < arg) {
+                const int b = dist(rng_);
+                if (b != kMagic)
+                    frame.push_back(static_cast<uint8_t>(b));
+            }
+            const Bytes f = encode();
+            frame.insert(frame.end(), f.begin(), f.end());
+            break;
         }
     }
-    if (payload.size() > kMaxPayload) {
-        payload.resize(kMaxPayload);
-    }
-    Bytes frame = encode_frame(seq, dest, src, msgid, payload);
-    if (rule != nullptr) {
-        switch (action) {
-            case Action::kBadCrc:
-                frame[frame.size() - 2] ^= 0xFF;
-                break;
-            case Action::kBadSum:
-                frame[7] = static_cast<uint8_t>(frame[7] + 1);
-                reseal(&frame);
-                break;
-            case Action::kBigLen: {
-                Bytes big = {kMagic, 0xE9, 0xFD, seq, dest, src, msgid, 0, 0, 0, 0, 0};
-                big[7] = sum8(big.data(), 7);
-                frame = big;
-                break;
-            }
-            case Action::kGarbage: {
-                Bytes g;
-                std::uniform_int_distribution<int> dist(0, 255);
-                while (g.size() < rule->arg) {
-                    const int b = dist(rng_);
-                    if (b != kMagic) {
-                        g.push_back(static_cast<uint8_t>(b));
-                    }
-                }
-                frame.insert(frame.begin(), g.begin(), g.end());
-                break;
-            }
-            default:
-                break;
-        }
-    }
-    reply.bytes = std::move(frame);
+    reply.bytes = frame.empty() ? encode() : std::move(frame);
     return reply;
 }
 
-void Mcu::render(const Answer& a, const Frame& req, uint8_t* msgid, Bytes* payload) const {
-    if (!a.result) {
-        *msgid = a.msgid;
-        *payload = a.payload;
-        return;
-    }
-    if (spi_) {
-        *msgid = spi_result_id(req);
-        payload->assign(1, a.code);
-    } else {
-        *msgid = a.code == 0 ? cmd::kAck : cmd::kNak;
-        payload->clear();
-    }
-}
-
-uint8_t Mcu::spi_result_id(const Frame& req) const {
+uint8_t Mcu::spi_result_id(const Frame& req) {
     // The tool takes any frame with a data request's own id for the data, so
     // a result code for such a request only reaches it as QUERY_DEVICE.
     // Every other request gets its own id back (a poll: QUERY_DEVICE).
-    switch (req.msgid) {
-        case cmd::kGetSn:
-        case cmd::kGetFlashSize:
-        case cmd::kGetVersions:
-        case cmd::kGetTimeRetry:
-            return opt_.spi_data_result_own_id ? req.msgid : cmd::kQueryDevice;
-        default:
-            return req.msgid;
-    }
-}
-
-bool Mcu::in_bootloader_or_refuse(const char* what) {
-    if (!opt_.require_bootloader || bootloader_) {
-        return true;
-    }
-    log_.line(std::string("NOTE ") + what + " refused: not in bootloader");
-    return false;
+    const uint8_t id = req.msgid;
+    const bool data = id == cmd::kGetSn || id == cmd::kGetFlashSize || id == cmd::kGetVersions ||
+                      id == cmd::kGetTimeRetry;
+    return data ? cmd::kQueryDevice : id;
 }
 
 Mcu::Answer Mcu::act(const Frame& req, uint8_t answer_seq) {
     const Bytes& p = req.payload;
+    auto data = [](uint8_t msgid, const Bytes& payload) { return Answer{-1, msgid, payload}; };
+    auto logged = [this](int code, const std::string& event) {
+        log_.line(event);
+        return result(code);
+    };
     switch (req.msgid) {
         case cmd::kGetSn:
             return data(req.msgid, opt_.sn);
@@ -261,91 +201,57 @@ Mcu::Answer Mcu::act(const Frame& req, uint8_t answer_seq) {
             return data(req.msgid, opt_.versions);
         case cmd::kGetTimeRetry:
             return data(req.msgid, opt_.timeretry);
-        case cmd::kDebugDevice:
-            return debug_answer(req);
-        case cmd::kSystemReset: {
-            if (p.size() != 4 || p[0] != 0xAA || p[1] != 0x55) {
-                log_.line("RESET bad payload " + to_hex(p));
-                return result(1);
-            }
-            const unsigned type = p[2] | (p[3] << 8);
-            log_.line("RESET " + std::to_string(type));
-            if (type == 2) {
-                bootloader_ = true;
-            }
-            return result(0);
+        case cmd::kDebugDevice: {
+            // Code 0 is the flood test, answered with ACK. On SPI a debug reply
+            // of code 0 is the answer the tool can take (its byte 0 reads as
+            // result code 0).
+            const uint32_t code = get_u32(p, 0);
+            if (code == 0)
+                return spi_ ? data(cmd::kDebugDevice, Bytes(20, 0)) : result(0);
+            return data(cmd::kDebugDevice, debug_payload(code, &req));
         }
+        case cmd::kSystemReset:
+            if (p.size() != 4 || p[0] != 0xAA || p[1] != 0x55)
+                return logged(1, "RESET bad payload " + to_hex(p));
+            return logged(0, "RESET " + std::to_string(p[2] | (p[3] << 8)));
         case cmd::kRequestUpgrade:
-            if (!in_bootloader_or_refuse("REQUEST_UPGRADE")) {
-                return result(1);
-            }
-            log_.line("REQUEST_UPGRADE");
-            return result(0);
-        case cmd::kEraseFlash: {
-            if (!in_bootloader_or_refuse("ERASE")) {
-                return result(1);
-            }
-            if (p.size() != 4) {
-                log_.line("ERASE bad payload " + to_hex(p));
-                return result(1);
-            }
-            const uint32_t size = get_u32(p, 0);
-            if (size > opt_.flash_size) {
-                log_.line("ERASE " + std::to_string(size) + " refused: flash size " +
-                          std::to_string(opt_.flash_size));
-                return result(1);
-            }
+            return logged(0, "REQUEST_UPGRADE");
+        case cmd::kEraseFlash:
+            if (p.size() != 4)
+                return logged(1, "ERASE bad payload " + to_hex(p));
+            if (get_u32(p, 0) > opt_.flash_size)
+                return logged(1, "ERASE " + std::to_string(get_u32(p, 0)) +
+                                     " refused: flash size " + std::to_string(opt_.flash_size));
             image_.clear();
-            expected_size_ = size;
-            have_chunk_seq_ = false;
-            log_.line("ERASE " + std::to_string(size));
-            return result(0);
-        }
-        case cmd::kDownloading: {
-            if (!in_bootloader_or_refuse("DOWNLOADING")) {
-                return result(1);
-            }
-            if (have_chunk_seq_ && (req.seq == chunk_seq_a_ || req.seq == chunk_seq_b_)) {
-                log_.line("DUP " + std::to_string(req.seq));
-                return result(0);
-            }
-            if (image_.size() + p.size() > opt_.flash_size) {
-                log_.line("NOTE image overflow at " + std::to_string(image_.size()));
-                return result(1);
-            }
+            expected_size_ = get_u32(p, 0);
+            chunk_seq_a_ = chunk_seq_b_ = -1;
+            return logged(0, "ERASE " + std::to_string(expected_size_));
+        case cmd::kDownloading:
+            if (req.seq == chunk_seq_a_ || req.seq == chunk_seq_b_)
+                return logged(0, "DUP " + std::to_string(req.seq));
+            if (image_.size() + p.size() > opt_.flash_size)
+                return logged(1, "NOTE image overflow at " + std::to_string(image_.size()));
             image_.insert(image_.end(), p.begin(), p.end());
-            have_chunk_seq_ = true;
             chunk_seq_a_ = req.seq;
             chunk_seq_b_ = answer_seq;
             return result(0);
-        }
         case cmd::kCrcCheck: {
-            if (!in_bootloader_or_refuse("CRC_CHECK")) {
-                return result(1);
-            }
             const uint8_t have = crc8(image_.data(), image_.size());
-            const bool ok = p.size() == 1 && p[0] == have && image_.size() == expected_size_;
-            log_.line(ok ? "CRC ok" : "CRC bad");
-            if (!ok) {
-                log_.line("NOTE crc got " + to_hex(p) + " image " + hex2(have) + " size " +
-                          std::to_string(image_.size()) + " expected " +
-                          std::to_string(expected_size_));
-            }
-            return result(ok ? 0 : 1);
+            if (p.size() == 1 && p[0] == have && image_.size() == expected_size_)
+                return logged(0, "CRC ok");
+            log_.line("CRC bad");
+            return logged(1, "NOTE crc got " + to_hex(p) + " image " + hex2(have) + " size " +
+                                 std::to_string(image_.size()) + " expected " +
+                                 std::to_string(expected_size_));
         }
         case cmd::kAppGo: {
             log_.line("APP_GO " + std::to_string(image_.size()));
-            if (!opt_.image_path.empty()) {
-                FILE* f = std::fopen(opt_.image_path.c_str(), "wb");
-                if (f == nullptr ||
-                    std::fwrite(image_.data(), 1, image_.size(), f) != image_.size()) {
-                    log_.line("NOTE cannot write image " + opt_.image_path);
-                }
-                if (f != nullptr) {
-                    std::fclose(f);
-                }
-            }
-            bootloader_ = false;
+            FILE* f = opt_.image_path.empty() ? nullptr : std::fopen(opt_.image_path.c_str(), "wb");
+            if (!opt_.image_path.empty() &&
+                (f == nullptr || std::fwrite(image_.data(), 1, image_.size(), f) != image_.size()))
+                log_.line("NOTE cannot write image " + opt_.image_path);
+            if (f != nullptr)
+                std::fclose(f);
             return result(0);
         }
         default:
@@ -353,46 +259,27 @@ Mcu::Answer Mcu::act(const Frame& req, uint8_t answer_seq) {
     }
 }
 
-Mcu::Answer Mcu::debug_answer(const Frame& req) {
-    const uint32_t code = get_u32(req.payload, 0);
-    if (code == 0) {
-        // Flood-test message. On SPI a debug reply of code 0 is the answer the
-        // tool can take (its byte 0 also reads as result code 0).
-        if (spi_) {
-            return data(cmd::kDebugDevice, Bytes(20, 0));
-        }
-        return result(0);
-    }
-    return data(cmd::kDebugDevice, debug_payload(code, &req));
-}
-
-Bytes Mcu::debug_payload(uint32_t code, const Frame* req) const {
-    DebugParams prm{0, 0, 0, 0};
-    const auto it = opt_.debug.find(code);
-    if (it != opt_.debug.end()) {
-        prm = it->second;
-    } else if (code == 1) {
-        prm = {0x11, 0x22, 0, 0};
+// Debug replies: code, then four parameters. Code 1: 0x11, 0x22; code 2
+// echoes the request's first parameter; the link counters (codes 4 to 20)
+// read CODE*100+1; cpu and memory usage (32, 33) four figures each.
+Bytes Mcu::debug_payload(uint32_t code, const Frame* req) {
+    uint32_t prm[4] = {0, 0, 0, 0};
+    if (code == 1) {
+        prm[0] = 0x11;
+        prm[1] = 0x22;
     } else if (code == 2) {
         prm[0] = req != nullptr ? get_u32(req->payload, 4) : 0;
     } else if (code >= 4 && code <= 20) {
         prm[0] = code * 100 + 1;
-    } else if (code == 32) {
-        prm = {11, 22, 33, 44};
-    } else if (code == 33) {
-        prm = {55, 66, 77, 88};
+    } else if (code == 32 || code == 33) {
+        for (uint32_t i = 0; i < 4; ++i)
+            prm[i] = (code == 32 ? 11 : 55) + 11 * i;
     }
     Bytes b;
     put_u32(&b, code);
-    for (uint32_t v : prm) {
+    for (uint32_t v : prm)
         put_u32(&b, v);
-    }
     return b;
-}
-
-Bytes Mcu::emit_frame(const Emit& e) {
-    const Bytes& payload = e.kind == EmitKind::kHeartbeat ? opt_.heartbeat : e.payload;
-    return encode_frame(emit_seq_++, opt_.peer, opt_.id, e.msgid, payload);
 }
 
 }  // namespace vmcu

@@ -1,5 +1,5 @@
 // Behaviour of the virtual MCU: what it answers to each request, its fault
-// rules, its bootloader state and its unsolicited messages. Independent of the
+// rules, the image it is sent and its unsolicited messages. Independent of the
 // link; the link code only moves the bytes this produces.
 #pragma once
 
@@ -9,31 +9,10 @@
 #include <string>
 
 #include "vmcu_frame.h"
-#include "vmcu_log.h"
 #include "vmcu_options.h"
+#include "vmcu_runtime.h"
 
 namespace vmcu {
-
-namespace cmd {
-constexpr uint8_t kHeartbeat = 208;
-constexpr uint8_t kSystemReset = 209;
-constexpr uint8_t kGetSn = 213;
-constexpr uint8_t kGetFlashSize = 214;
-constexpr uint8_t kRequestUpgrade = 215;
-constexpr uint8_t kEraseFlash = 216;
-constexpr uint8_t kDownloading = 217;
-constexpr uint8_t kGetVersions = 219;
-constexpr uint8_t kCrcCheck = 220;
-constexpr uint8_t kAppGo = 221;
-constexpr uint8_t kGetTimeRetry = 222;
-constexpr uint8_t kQueryDevice = 224;
-constexpr uint8_t kSyslog = 229;
-constexpr uint8_t kDebugDevice = 230;
-constexpr uint8_t kUserString = 232;
-constexpr uint8_t kBusy = 253;
-constexpr uint8_t kAck = 254;
-constexpr uint8_t kNak = 255;
-}  // namespace cmd
 
 // What to do with one received request.
 struct Reply {
@@ -43,43 +22,33 @@ struct Reply {
 
 class Mcu {
 public:
-    Mcu(const Options& opt, Logger& log);
+    Mcu(const Options& opt, Logger& log)
+        : opt_(opt), log_(log), spi_(opt.link == LinkKind::kSpi), rules_(opt.rules) {}
 
     Reply handle(const Frame& req);
     // Builds the next unsolicited frame of an --emit entry.
-    Bytes emit_frame(const Emit& e);
+    Bytes emit_frame(const Emit& e) {
+        return encode_frame(emit_seq_++, opt_.peer, kOwnId, e.msgid, e.payload);
+    }
+
+    static constexpr uint8_t kOwnId = 0x0A;
 
 private:
-    // The answer a well-behaved MCU gives, before rules change it.
+    // The answer a well-behaved MCU gives: a result code (TTY: ACK or NAK;
+    // SPI: a frame carrying the code) when code >= 0, else msgid and payload.
     struct Answer {
-        bool result = true;  // a plain result (TTY: ACK/NAK; SPI: code frame)
-        uint8_t code = 0;    // result code when `result`
-        uint8_t msgid = 0;   // data/debug answers
+        int code = 0;
+        uint8_t msgid = 0;
         Bytes payload;
     };
 
-    const Rule* take_rule(uint8_t msgid);
+    static Answer result(int code) { return Answer{code, 0, {}}; }
+    Rule* take_rule(uint8_t msgid);
     // Acts on the request and returns its normal answer.
     Answer act(const Frame& req, uint8_t answer_seq);
-    Answer debug_answer(const Frame& req);
-    Bytes debug_payload(uint32_t code, const Frame* req) const;
-    bool in_bootloader_or_refuse(const char* what);
+    static Bytes debug_payload(uint32_t code, const Frame* req);
     // Message id of an SPI result-code answer to `req`.
-    uint8_t spi_result_id(const Frame& req) const;
-    // Turns an answer into (msgid, payload) for this link.
-    void render(const Answer& a, const Frame& req, uint8_t* msgid, Bytes* payload) const;
-    static Answer result(uint8_t code) {
-        Answer a;
-        a.code = code;
-        return a;
-    }
-    static Answer data(uint8_t msgid, Bytes payload) {
-        Answer a;
-        a.result = false;
-        a.msgid = msgid;
-        a.payload = std::move(payload);
-        return a;
-    }
+    static uint8_t spi_result_id(const Frame& req);
 
     const Options& opt_;
     Logger& log_;
@@ -87,15 +56,13 @@ private:
     std::vector<Rule> rules_;
     std::optional<Frame> pending_;  // request answered with BUSY, awaiting a poll
     uint8_t emit_seq_ = 0;
-    std::mt19937 rng_;
+    std::mt19937 rng_{1};  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same noise every run
 
     // Bootloader model.
-    bool bootloader_ = false;
     Bytes image_;
     uint32_t expected_size_ = 0;
-    bool have_chunk_seq_ = false;
-    uint8_t chunk_seq_a_ = 0;  // seq of the frame that carried the last stored chunk
-    uint8_t chunk_seq_b_ = 0;  // seq of the frame it was answered under (a busy poll)
+    int chunk_seq_a_ = -1;  // seq of the frame that carried the last stored chunk
+    int chunk_seq_b_ = -1;  // seq of the frame it was answered under (a busy poll)
 };
 
 }  // namespace vmcu

@@ -1,9 +1,8 @@
-// Command line of the virtual MCU.
+// Command line of the virtual MCU: what it serves on, what it answers, the
+// fault rules it applies and the unsolicited frames it sends.
 #pragma once
 
-#include <array>
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -13,7 +12,9 @@ namespace vmcu {
 
 enum class LinkKind { kTty, kSpi };
 
+// What a --rule does to the requests it matches (see the help text).
 enum class Action {
+    kNone,  // no rule: the normal answer
     kSilent,
     kNak,
     kCode,
@@ -38,36 +39,33 @@ enum class Action {
 
 struct Rule {
     int msgid = -1;  // -1: any id
-    Action action = Action::kSilent;
+    Action action = Action::kNone;
     uint32_t arg = 0;
     int remaining = 1;  // -1: forever
     std::string text;   // the rule as given, for the log
 };
 
-enum class EmitKind { kHeartbeat, kSyslog, kUser, kDebug, kFrame };
+// What the vmcu's heartbeats carry: device type 14, status 1, cpu 50 %, memory 20 %.
+constexpr uint8_t kHeartbeatPayload[] = {0x0E, 0x01, 0x32, 0x14};
 
+// An unsolicited frame, sent every period_ms, count times (-1: unlimited).
 struct Emit {
-    EmitKind kind = EmitKind::kHeartbeat;
     uint8_t msgid = 0;
-    Bytes payload;  // resolved at parse time (heartbeat: filled in later)
+    Bytes payload;
     int period_ms = 1000;
-    int count = -1;  // -1: unlimited
+    int count = -1;
 };
-
-using DebugParams = std::array<uint32_t, 4>;
 
 struct Options {
     LinkKind link = LinkKind::kTty;
     std::string spi_socket;
-    uint8_t id = 0x0A;
     uint8_t peer = 0x02;
-    bool strict_dest = false;
-    Bytes versions;
-    Bytes sn;
+    Bytes versions = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+    Bytes sn;  // by default "VMCU-SN-0123456789", zeros to 32 bytes
     uint32_t flash_size = 1048576;
-    Bytes timeretry;
-    Bytes heartbeat;
-    std::map<uint32_t, DebugParams> debug;  // explicit --debug settings
+    // Eight little-endian u16: 1000, 3, 240, 20, 2, 2, 2, 500.
+    Bytes timeretry = {0xE8, 0x03, 0x03, 0x00, 0xF0, 0x00, 0x14, 0x00,
+                       0x02, 0x00, 0x02, 0x00, 0x02, 0x00, 0xF4, 0x01};
     std::vector<Rule> rules;
     std::vector<Emit> emits;
     int emit_start_ms = 300;
@@ -77,11 +75,6 @@ struct Options {
     std::string image_path;
     long baud = 0;
     long exit_after_ms = 120000;
-    int spi_latency = 1;
-    int rx_gap_ms = 100;
-    bool require_bootloader = false;
-    bool spi_data_result_own_id = false;
-    uint32_t seed = 1;
 };
 
 // Parses argv. On error writes a message to `err` and returns false; when

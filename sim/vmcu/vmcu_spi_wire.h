@@ -40,9 +40,8 @@ inline void put_header(uint8_t* h, uint8_t type, uint8_t sub, uint32_t length) {
     h[1] = sub;
     h[2] = 0;
     h[3] = 0;
-    for (int i = 0; i < 4; ++i) {
+    for (int i = 0; i < 4; ++i)
         h[4 + i] = static_cast<uint8_t>((length >> (8 * i)) & 0xFF);
-    }
 }
 
 inline uint32_t header_length(const uint8_t* h) {
