@@ -12,8 +12,9 @@
 # libc6-dev); the build that makes the virtual MCU configures the tests too,
 # which need GoogleTest.
 MCU_DEPS_DEMO="cmake make g++ libgtest-dev"
-# scripts/api21-check.sh: clang and libc++'s C++ headers.
-MCU_DEPS_API21="clang libc++-14-dev"
+# The Android build (cmake/toolchains/aarch64-android21.cmake): clang, lld and
+# libc++'s C++ headers; qemu-user runs its results.
+MCU_DEPS_ANDROID="clang lld libc++-14-dev qemu-user"
 # scripts/check-install.sh: manual page rendering, pkg-config, and a private
 # mount namespace for the default-device check.
 MCU_DEPS_INSTALL_CHECK="man-db groff-base pkg-config util-linux mount"
@@ -25,7 +26,7 @@ MCU_DEPS_PACKAGES="dpkg-dev lintian file g++-aarch64-linux-gnu libc6-dev-arm64-c
 # for the native builds, its sources for the cross build), the fuzzing and
 # sanitizer runtimes of clang, valgrind, clang-tidy and cppcheck.
 MCU_DEPS_TEST="$MCU_DEPS_DEMO gcc libc6-dev googletest libgtest-dev libclang-rt-14-dev
-    valgrind clang-tidy cppcheck $MCU_DEPS_API21 $MCU_DEPS_INSTALL_CHECK $MCU_DEPS_PACKAGES"
+    valgrind clang-tidy cppcheck $MCU_DEPS_ANDROID $MCU_DEPS_INSTALL_CHECK $MCU_DEPS_PACKAGES"
 
 # Prints the packages of the arguments that are not installed, once each, in
 # the order given.

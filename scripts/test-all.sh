@@ -3,15 +3,17 @@
 #   1. plain build: the end-to-end cases, the library tests, the 100-run upgrade soak;
 #   2. AddressSanitizer + UndefinedBehaviorSanitizer build: the same tests
 #      (without the soak, which the plain build already ran);
-#   3. AArch64 cross build, run under qemu-aarch64, and the static release
-#      binary;
+#   3. the Android build (bionic, API 21): the end-to-end cases against it
+#      under qemu-aarch64 with Android's own linker and libc
+#      (scripts/android-e2e.sh); then the two AArch64 device binaries
+#      (scripts/release-arm64.sh), each run once;
 #   4. the fuzz targets, briefly, under libFuzzer with ASan and UBSan;
 #   5. the end-to-end tests of the upgrade, monitor and raw actions with the
 #      tool under valgrind memcheck;
-#   6. static analysis (clang-tidy, cppcheck) and the check that the tool
-#      uses only interfaces of Android API level 21 (scripts/api21-check.sh);
+#   6. static analysis (clang-tidy, cppcheck);
 #   7. the installed tree (man page, completion, CMake package, pkg-config,
-#      the example against the virtual MCU), the README's transcripts, and
+#      the example against the virtual MCU), the transcripts of
+#      docs/transcripts.md, and
 #      the Debian packages for amd64 and arm64.
 # The Debian packages it needs are listed in scripts/deps.sh: run as root, it
 # installs the missing ones first; otherwise it stops and prints the apt-get
@@ -45,10 +47,11 @@ run_suite build ""
 tests="mcu_tool2 vmcu vmcu_spidev fixed_clock e2e_tests library_tests"
 step "sanitizer build (address, undefined)"
 targets=$tests ASAN_OPTIONS=detect_leaks=1 run_suite build-asan "-LE soak" -DMCU_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
-step "AArch64 cross build, run under qemu-aarch64"
-targets=$tests run_suite build-arm64 "" -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/aarch64-linux-gnu.cmake
-step "AArch64 static release binary"
+step "Android build (bionic, API 21): the end-to-end cases under qemu-aarch64"
+bash scripts/android-e2e.sh build
+step "AArch64 device binaries: Android (bionic) and static (any AArch64 Linux)"
 bash scripts/release-arm64.sh
+qemu-aarch64 -L build-android/android build-android-release/src/upgrade/mcu_tool2 --calc-crc16 313233343536373839
 qemu-aarch64 build-arm64-release/src/upgrade/mcu_tool2 --calc-crc16 313233343536373839
 step "fuzz targets (libFuzzer, ASan, UBSan)"
 CC=clang CXX=clang++ run_suite build-fuzz "" -DMCU_FUZZ=ON -DMCU_BUILD_TESTS=OFF \
@@ -57,9 +60,7 @@ step "valgrind memcheck of the end-to-end upgrade, monitor and raw tests"
 bash scripts/valgrind-e2e.sh
 step "static analysis"
 bash scripts/static-analysis.sh
-step "Android API-21 interfaces"
-bash scripts/api21-check.sh
-step "install, example, README transcripts, packages"
+step "install, example, transcripts, packages"
 bash scripts/check-install.sh
 BUILD_DIR=build bash scripts/transcripts.sh --check
 bash scripts/package.sh
