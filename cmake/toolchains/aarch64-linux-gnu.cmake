@@ -1,7 +1,8 @@
-# Cross build for AArch64 Linux with Debian's aarch64-linux-gnu toolchain
-# (packages g++-aarch64-linux-gnu and, to run the results, qemu-user):
-#   cmake -S . -B build-arm64 -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/aarch64-linux-gnu.cmake
-# Test programs run under qemu-aarch64 with the cross sysroot.
+# Cross build for AArch64 Linux (glibc) with Debian's aarch64-linux-gnu
+# toolchain (package g++-aarch64-linux-gnu): the static device binary
+# (scripts/release-arm64.sh) and the arm64 Debian packages (scripts/package.sh).
+# For Android, use aarch64-android21.cmake beside it. Programs built with it
+# run here under qemu-aarch64 (package qemu-user).
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 
