@@ -167,12 +167,8 @@ bool parse_hex(const std::string& text, Bytes* out) {
         start = 2;
     for (size_t i = start; i < text.size(); ++i) {
         const char ch = text[i];
-        if (ch == ' ' || ch == ':' || ch == '-') {
-            if (digits.size() % 2 != 0) {
-                return false;  // separators only between whole bytes
-            }
-            continue;
-        }
+        if ((ch == ' ' || ch == ':' || ch == '-') && digits.size() % 2 == 0)
+            continue;  // a separator, between whole bytes only
         if (!std::isxdigit(static_cast<unsigned char>(ch)))
             return false;
         digits.push_back(ch);

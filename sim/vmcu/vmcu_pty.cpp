@@ -31,13 +31,7 @@ void sleep_until(int64_t deadline_ns) {
 class PtyLink {
 public:
     PtyLink(const Options& opt, Mcu& mcu, Logger& log, Runtime& rt)
-        : opt_(opt),
-          mcu_(mcu),
-          log_(log),
-          rt_(rt),
-          rx_(
-              opt.rx_crc, [this](const Frame& f) { on_frame(f); },
-              [this](const std::string& why) { log_.line("BAD " + why); }) {}
+        : opt_(opt), mcu_(mcu), log_(log), rt_(rt) {}
     ~PtyLink() {
         for (int fd : {slave_, master_})
             if (fd >= 0)
@@ -63,7 +57,8 @@ private:
     Mcu& mcu_;
     Logger& log_;
     Runtime& rt_;
-    StreamReceiver rx_;
+    StreamReceiver rx_{opt_.rx_crc, [this](const Frame& f) { on_frame(f); },
+                       [this](const std::string& why) { log_.line("BAD " + why); }};
     int master_ = -1;
     int slave_ = -1;
     std::string last_termios_;
