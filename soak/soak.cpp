@@ -1,9 +1,8 @@
-// Upgrade soak, `soak RUNS SEED JOBS DIR`: the real tool against the virtual MCU with a random
-// image, upgrade parameters, link and injected faults. The rule: the tool reports success exactly
+// Upgrade soak, `soak RUNS SEED JOBS DIR`: the real tool against the virtual MCU with random
+// images, upgrade parameters, link and injected faults. The rule: the tool reports success exactly
 // when the MCU holds the identical image, checked its CRC and was told to start it (a fault on the
 // answer to that start excuses a missing success line); the MCU's CRC check never fails; the tool
-// ends with status 0 within kBoundS. Run I of seed S, DIR/run-I/run.sh, is the same on every
-// invocation, kept with its transcripts when it breaks the rule.
+// ends with status 0 within kBoundS. DIR/run-I/run.sh replays run I, kept if it breaks the rule.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -126,7 +125,8 @@ int main(int argc, char** argv) {
     for (unsigned i = 0; i < runs; i++)
         prepare(strtoull(argv[2], nullptr, 0), i, dir + "/run-" + std::to_string(i));
     const std::string each = "cd '" + dir + "' && seq 0 " + std::to_string(runs - 1);
-    std::system((each + " | xargs -P " + argv[3] + " -I{} sh run-{}/run.sh").c_str());
+    if (std::system((each + " | xargs -P " + argv[3] + " -I{} sh run-{}/run.sh").c_str()) == -1)
+        return printf("soak: no shell\n"), 2;
     unsigned successes = 0, breaks = 0;
     for (unsigned i = 0; i < runs; i++)
         breaks += broke(dir + "/run-" + std::to_string(i), successes);
