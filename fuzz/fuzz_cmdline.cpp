@@ -1,13 +1,13 @@
-// Command lines through the option parser and the device-free actions.
-// Input: up to 24 arguments separated by zero bytes. A vector is skipped when
-// it could name a target, a device or a file (an option name that is a prefix
-// of id, dev, upgrade, upgrade-fw or calc-crc32, or a short-option cluster
-// with 'u'), so every device action refuses before it opens anything.
-// Properties: main returns 0, or -1 (status 255) for --get-timeretry; the
-// link never comes up; diagnostics stay bounded.
+// Command lines through the option parser and the device-free actions. Input: up to 24
+// arguments separated by zero bytes; skipped when one could name a target, a device or a file (an
+// option name that is a prefix of id, dev, upgrade, upgrade-fw or calc-crc32, or a short-option
+// cluster with 'u'), so every device action refuses before it opens anything.
+// Properties: main returns 0 or -1; the link never comes up; diagnostics stay bounded.
 #include <getopt.h>
 
-#include "fuzz_support.h"
+#include <string>
+
+#include "fuzz.h"
 
 int mcu_tool2_main(int argc, char** argv);
 
@@ -20,36 +20,22 @@ static bool unsafe(const std::string& arg) {
     return i == 1 && name.find('u') != std::string::npos;
 }
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz_quiet_init();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    std::vector<std::string> args = {"mcu_tool2"};
-    for (size_t i = 0; i < size; i += args.back().size() + 1) {
-        args.emplace_back(reinterpret_cast<const char*>(data + i),
-                          strnlen(reinterpret_cast<const char*>(data + i), size - i));
-        if (args.size() > 25 || unsafe(args.back()))
+    std::string text(reinterpret_cast<const char*>(data), size);  // ends in a zero byte
+    std::vector<char*> argv = {const_cast<char*>("mcu_tool2")};
+    for (char* arg = text.data(); arg < text.data() + size; arg += strlen(arg) + 1) {
+        if (argv.size() > 24 || unsafe(arg))
             return 0;
+        argv.push_back(arg);
     }
-    std::vector<char*> argv;
-    for (std::string& a : args)
-        argv.push_back(&a[0]);
     argv.push_back(nullptr);
     optind = 0;  // what a previous run changed
     opterr = 0;  // the option parser's complaints, which would drown the fuzzer's report
     set_comp_id(DEV_NONE);
-    set_serial_speed(115200);
-    set_crc_extra(0);
-    set_upgrade_type(UPGRADE_TYPE_NORMAL);
-    set_seq_check(1);
     set_debug_level(DEBUG_LV_NONE);
-    m_stts.msStart = 0x5A5A5A5A;
-    int ret = mcu_tool2_main(static_cast<int>(args.size()), argv.data());
-    FUZZ_CHECK(ret == 0 || ret == -1);
-    FUZZ_CHECK(m_serial_fd == -1 && m_stts.msStart == 0x5A5A5A5A);  // no mcu_init ran
-    set_debug_level(DEBUG_LV_NONE);
-    FUZZ_CHECK(fuzz_diag_bytes() <= 16384 + 64 * size);
+    m_stts.msStart = 0x5A5A5A5A;  // what bringing the link up would set
+    int ret = mcu_tool2_main(static_cast<int>(argv.size() - 1), argv.data());
+    FUZZ_CHECK((ret == 0 || ret == -1) && m_serial_fd == -1 && m_stts.msStart == 0x5A5A5A5A);
+    FUZZ_CHECK(std::exchange(g_diag, 0) <= 16384 + 64 * size);
     return 0;
 }
