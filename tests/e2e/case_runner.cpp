@@ -1,10 +1,8 @@
 // End-to-end cases (cases/README.md), then the library's public calls in-process.
-// What runs comes from the environment, all optional: MCU_TOOL, MCU_TOOL_EMULATOR
-// (words before the tool, which gets its LD_PRELOAD as "-E LD_PRELOAD=..."),
-// MCU_TOOL_WRAPPER (e.g. valgrind) with MCU_TOOL_WRAPPER_SLACK_S, and what is
-// preloaded into or run as the tool, built against its C library:
-// MCU_VMCU_SPIDEV (the spidev shim), MCU_FIXED_CLOCK (the frozen clock),
-// MCU_LIBC_WORDS (the C library probe).
+// From the environment, all optional: MCU_TOOL; MCU_TOOL_EMULATOR (words before the
+// tool, which gets its LD_PRELOAD as "-E LD_PRELOAD=..."); MCU_TOOL_WRAPPER (e.g.
+// valgrind) with MCU_TOOL_WRAPPER_SLACK_S; built against the tool's C library:
+// MCU_VMCU_SPIDEV (spidev shim), MCU_FIXED_CLOCK (frozen clock), MCU_LIBC_WORDS (probe).
 #include <gtest/gtest.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -106,7 +104,6 @@ struct Case {
     Params field;
     std::map<std::string, Lines> section;
     std::string get(const std::string& k) const { return field.count(k) ? field.at(k) : ""; }
-    Lines lines(const std::string& k) const { return section.count(k) ? section.at(k) : Lines(); }
 };
 
 // Pieces by name: their parameters ("K" or "K=DEFAULT", in call order) and lines.
@@ -135,20 +132,15 @@ Lines read_blocks(const std::string& path, Blocks* blocks) {
 }
 
 // {K} replaced by the parameter's value, {K:W} by it right-aligned in W columns.
-std::string substitute(const std::string& line, const Params& params) {
-    static const std::regex ref(R"(\{([A-Z0-9_]+)(:([0-9]+))?\})");
-    std::string out;
-    auto tail = line.cbegin();
-    for (std::sregex_iterator it(line.begin(), line.end(), ref), end; it != end; ++it) {
-        const auto& m = *it;
-        auto p = params.find(m[1]);
-        std::string v = p == params.end() ? m[0].str() : p->second;
-        if (p != params.end() && m[3].matched && v.size() < std::stoul(m[3]))
-            v.insert(0, std::stoul(m[3]) - v.size(), ' ');
-        out.append(tail, m[0].first) += v;
-        tail = m[0].second;
+std::string substitute(std::string s, const Params& params) {
+    for (const auto& [k, v] : params) {
+        replace_all(&s, "{" + k + "}", v);
+        for (size_t p; (p = s.find("{" + k + ":")) != std::string::npos;) {
+            const size_t w = std::stoul(s.substr(p + k.size() + 2)), e = s.find('}', p);
+            s.replace(p, e + 1 - p, std::string(w > v.size() ? w - v.size() : 0, ' ') + v);
+        }
     }
-    return out.append(tail, line.cend());
+    return s;
 }
 
 // The lines on `link` ("tty|" and "spi|" lines of the other left out) with {K}
@@ -282,29 +274,6 @@ struct TempDir {  // a scratch directory, removed at destruction
     }
 };
 
-// What the tool's C library says: the probe's output, run as the tool would be
-// (natively bash's exec names it).
-std::string libc_words(const std::string& request) {
-    static Params said;
-    if (said.count(request))
-        return said[request];
-    const std::string probe = env_or("MCU_LIBC_WORDS", MCU_LIBC_WORDS_PATH);
-    Lines argv = kEmulator, w = words(request);
-    if (argv.empty())
-        argv = {"bash", "-c", "exec -a \"$0\" \"$@\"", kTool, probe};
-    else
-        argv.insert(argv.end(), {"-0", kTool, probe});
-    argv.insert(argv.end(), w.begin(), w.end());
-    TempDir dir;
-    const int fd = dir.create("said");
-    int status = -1;
-    waitpid(spawn(argv, fd, fd), &status, 0);
-    close(fd);
-    const std::string text = read_file(dir.file("said"));
-    EXPECT_EQ(status, 0) << "libc_words " << request << ": " << text;
-    return said[request] = text.substr(0, text.find_last_not_of('\n') + 1);
-}
-
 // Source lines of diagnostics, trace stamps, the statistics' elapsed time and
 // the build stamp replaced by "#", "<T>", "#.###" and "<stamp>".
 std::string normalize(std::string s) {
@@ -319,33 +288,22 @@ std::string normalize(std::string s) {
     return s;
 }
 
-struct RunResult {
+struct Run {
     std::string out, err, out_at_signal;  // out_at_signal: written before the signal was sent
     int status = -1;                      // exit status, or 128 + signal
     double seconds = 0;
 };
 
-// Runs the tool with `args` and `env` ("NAME=value") into `name`.out and .err
-// in `dir`, sending `sig` (if not 0) `sig_at` seconds after the start. A report
-// of the wrapper or a sanitizer fails the test; the tool is killed after 120 s.
-RunResult run_tool(const TempDir& dir, const std::string& name, const Lines& args, const Lines& env,
-                   int sig = 0, double sig_at = 0) {
-    Lines cmd = {"env"}, preload;  // an emulator gets the tool's LD_PRELOAD as "-E"
-    for (const std::string& e : env)
-        (!kEmulator.empty() && e.rfind("LD_PRELOAD=", 0) == 0 ? preload : cmd).push_back(e);
-    cmd.insert(cmd.end(), {"timeout", "--foreground", "-s", "KILL", "120"});  // relays signals
-    cmd.insert(cmd.end(), kWrapper.begin(), kWrapper.end());
-    cmd.insert(cmd.end(), kEmulator.begin(), kEmulator.end());
-    for (const std::string& p : preload)
-        cmd.insert(cmd.end(), {"-E", p});
-    cmd.push_back(kTool);
-    cmd.insert(cmd.end(), args.begin(), args.end());
+// Runs `argv` into `name`.out and .err in `dir`, sending `sig` (if not 0)
+// `sig_at` seconds after the start.
+Run run(const TempDir& dir, const std::string& name, const Lines& argv, int sig = 0,
+        double sig_at = 0) {
     const int out = dir.create(name + ".out"), err = dir.create(name + ".err");
     const auto start = std::chrono::steady_clock::now();
-    const pid_t pid = spawn(cmd, out, err);
+    const pid_t pid = spawn(argv, out, err);
     close(out);
     close(err);
-    RunResult r;
+    Run r;
     if (sig != 0) {
         usleep(static_cast<useconds_t>(sig_at * 1e6));
         r.out_at_signal = read_file(dir.file(name + ".out"));
@@ -357,6 +315,44 @@ RunResult run_tool(const TempDir& dir, const std::string& name, const Lines& arg
     r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     r.out = read_file(dir.file(name + ".out"));
     r.err = read_file(dir.file(name + ".err"));
+    return r;
+}
+
+// What the tool's C library says: the probe's output, run as the tool would be
+// (natively bash's exec names it).
+std::string libc_words(const std::string& request) {
+    static Params said;
+    const std::string probe = env_or("MCU_LIBC_WORDS", MCU_LIBC_WORDS_PATH);
+    Lines argv = kEmulator, w = words(request);
+    if (argv.empty())
+        argv = {"bash", "-c", "exec -a \"$0\" \"$@\"", kTool, probe};
+    else
+        argv.insert(argv.end(), {"-0", kTool, probe});
+    argv.insert(argv.end(), w.begin(), w.end());
+    if (!said.count(request)) {
+        const Run r = run(TempDir(), "said", argv);
+        const std::string text = r.out + r.err;
+        EXPECT_EQ(r.status, 0) << "libc_words " << request << ": " << text;
+        said[request] = text.substr(0, text.find_last_not_of('\n') + 1);
+    }
+    return said[request];
+}
+
+// The tool with `args` and `env` ("NAME=value"), killed after 120 s. A report
+// of the wrapper or a sanitizer fails the test.
+Run run_tool(const TempDir& dir, const std::string& name, const Lines& args, const Lines& env,
+             int sig = 0, double sig_at = 0) {
+    Lines cmd = {"env"}, preload;  // an emulator gets the tool's LD_PRELOAD as "-E"
+    for (const std::string& e : env)
+        (!kEmulator.empty() && e.rfind("LD_PRELOAD=", 0) == 0 ? preload : cmd).push_back(e);
+    cmd.insert(cmd.end(), {"timeout", "--foreground", "-s", "KILL", "120"});  // relays signals
+    cmd.insert(cmd.end(), kWrapper.begin(), kWrapper.end());
+    cmd.insert(cmd.end(), kEmulator.begin(), kEmulator.end());
+    for (const std::string& p : preload)
+        cmd.insert(cmd.end(), {"-E", p});
+    cmd.push_back(kTool);
+    cmd.insert(cmd.end(), args.begin(), args.end());
+    Run r = run(dir, name, cmd, sig, sig_at);
     // The wrapper's own lines start with "==<pid>=="; it exits 99 on a finding.
     static const std::regex report_line(R"(^==[0-9]+==.*\n?)", std::regex::multiline);
     if (!kWrapper.empty() && (std::regex_search(r.err, report_line) || r.status == 99))
@@ -391,10 +387,8 @@ struct Vmcu {
         std::string line;
         for (char c; line.find('\n') == line.npos && read(out, &c, 1) == 1;)
             line += c;
-        if (line.rfind("pty: ", 0) == 0)
-            dev = line.substr(5, line.size() - 6);
-        if (line.rfind("spi: ", 0) == 0)
-            dev = "/dev/spidev0.0";
+        if (line.rfind(spi ? "spi: " : "pty: ", 0) == 0)
+            dev = spi ? "/dev/spidev0.0" : line.substr(5, line.size() - 6);
     }
     ~Vmcu() { stop(); }
     void stop() {  // the log is complete afterwards
@@ -473,12 +467,12 @@ std::string unhex(const std::string& hex) {
     return bytes;
 }
 
-void run_case(const Case& c) {
+void run_case(Case c) {
     if (!c.get("emulator").empty() && !kEmulator.empty())
         GTEST_SKIP() << c.get("emulator");
     TempDir dir;
     std::optional<Vmcu> mcu;
-    auto fill = [&](std::string s) {  // $TMP, $TOOL, $CLOCK, $DEV, $(REQUEST), "$S+N"
+    auto fill = [&](std::string s) {
         replace_all(&s, "$TMP", dir.path);
         replace_all(&s, "$TOOL", kTool);
         replace_all(&s, "$CLOCK", env_or("MCU_FIXED_CLOCK", MCU_FIXED_CLOCK_PATH));
@@ -487,53 +481,45 @@ void run_case(const Case& c) {
             const size_t e = s.find(')', p);
             s.replace(p, e + 1 - p, libc_words(s.substr(p + 2, e - p - 2)));
         }
+        // "$START+MS" and "$S+N" (seconds): so long after the tool's start-up
+        for (const auto& [mark, unit] : {std::pair{"$START+", 1000}, {"$S+", 1}})
+            for (size_t p, n; (p = s.find(mark)) != std::string::npos;) {
+                const long v = std::stol(s.substr(p + strlen(mark)), &n) + lround(kSlack * unit);
+                s.replace(p, strlen(mark) + n, std::to_string(v));
+            }
         return s;
     };
     auto transcript = [&](const std::string& section) {
         std::string t;
-        for (const std::string& l : c.lines(section))
+        for (const std::string& l : c.section[section])
             t += fill(l) + "\n";
         replace_all(&t, "\\b", "\b");  // the progress figure's backspaces
         return t;
     };
-    auto command = [&](const std::string& args) {
-        Lines a = words(fill(args));
-        for (std::string& w : a)  // "$S+N": N seconds after the tool's start-up
-            if (w.rfind("$S+", 0) == 0)
-                w = std::to_string(std::stoi(w.substr(3)) + lround(kSlack));
-        return a;
-    };
-
-    Lines mcu_args = words(c.get("mcu"));
-    for (std::string& a : mcu_args)  // "$START+MS": MS after the tool's start-up
-        if (a.rfind("$START+", 0) == 0)
-            a = std::to_string(after(std::stoi(a.substr(7)) / 1000.0) / 1000);
-    mcu_args.insert(mcu_args.end(),
-                    {"--image", dir.file("received.bin"), "--raw", dir.file("raw")});
     if (!c.link.empty()) {
-        mcu.emplace(dir, c.link == "spi", mcu_args);
+        Lines args = words(fill(c.get("mcu")));
+        args.insert(args.end(), {"--image", dir.file("received.bin"), "--raw", dir.file("raw")});
+        mcu.emplace(dir, c.link == "spi", args);
         ASSERT_TRUE(mcu->pid > 0 && !mcu->dev.empty());
     }
     for (const auto& [key, item] : c.field) {  // "NAME HEX", "NAME random N", "NAME dir"
         const Lines w = words(fill(item));
-        if (key.rfind("file", 0) != 0)
-            continue;
-        if (w.size() == 2 && w[1] == "dir") {
+        if (key.rfind("file", 0) == 0 && w.size() == 2 && w[1] == "dir")
             mkdir(dir.file(w[0]).c_str(), 0700);
-            continue;
+        else if (key.rfind("file", 0) == 0) {
+            std::string bytes = w.size() == 2 ? unhex(w[1]) : "";
+            for (unsigned i = 0, n = w.size() > 2 ? std::stoul(w[2]) : 0, seed = n; i < n; i++)
+                bytes += static_cast<char>((seed = seed * 1103515245u + 12345u) >> 16);
+            std::ofstream(dir.file(w[0]), std::ios::binary) << bytes;
         }
-        std::string bytes = w.size() == 2 ? unhex(w[1]) : "";
-        for (unsigned i = 0, n = w.size() > 2 ? std::stoul(w[2]) : 0, seed = n; i < n; i++)
-            bytes += static_cast<char>((seed = seed * 1103515245u + 12345u) >> 16);
-        std::ofstream(dir.file(w[0]), std::ios::binary) << bytes;
     }
     Lines env = mcu ? mcu->env() : Lines(), own = words(fill(c.get("env")));
     env.insert(env.end(), own.begin(), own.end());
-    RunResult held;
+    Run held;
     std::thread holder, stopper;
     if (!c.get("holder").empty()) {
         holder =
-            std::thread([&] { held = run_tool(dir, "holder", command(c.get("holder")), env); });
+            std::thread([&] { held = run_tool(dir, "holder", words(fill(c.get("holder"))), env); });
         usleep(after(0.5));
     }
     if (!c.get("mcu-stop").empty())
@@ -543,8 +529,8 @@ void run_case(const Case& c) {
         });
     const Lines sig = words(c.get("signal"));
     const int signo = sig.empty() ? 0 : sig[0] == "INT" ? SIGINT : SIGTERM;
-    const RunResult r = run_tool(dir, "tool", command(c.get("args")), env, signo,
-                                 signo ? std::stod(sig[1]) + kSlack : 0);
+    const Run r = run_tool(dir, "tool", words(fill(c.get("args"))), env, signo,
+                           signo ? std::stod(sig[1]) + kSlack : 0);
     for (std::thread* t : {&holder, &stopper})
         if (t->joinable())
             t->join();
@@ -568,7 +554,7 @@ void run_case(const Case& c) {
         check_frames(c.section.at("frames"), mcu->log("RX "));
     const Lines log = mcu->log();  // "log:" lines appear in this order
     auto at = log.begin();
-    for (const std::string& want : c.lines("log")) {
+    for (const std::string& want : c.section["log"]) {
         at = std::find(at, log.end(), want);
         EXPECT_NE(at, log.end()) << "not in the MCU's log (in order): " << want;
     }
