@@ -74,20 +74,11 @@ std::string read_file(const std::string& path) {
 
 // Words of a line: 'a  b' is one word with its blanks, '' an empty one.
 Lines words(const std::string& text) {
+    static const std::regex word("(?:[^ ']|'[^']*')+");
     Lines w;
-    bool quoted = false, fresh = true;
-    for (char c : text) {
-        if (c == ' ' && !quoted) {
-            fresh = true;
-            continue;
-        }
-        if (fresh)
-            w.emplace_back();
-        fresh = false;
-        if (c == '\'')
-            quoted = !quoted;
-        else
-            w.back() += c;
+    for (std::sregex_iterator it(text.begin(), text.end(), word), end; it != end; ++it) {
+        w.push_back(it->str());
+        w.back().erase(std::remove(w.back().begin(), w.back().end(), '\''), w.back().end());
     }
     return w;
 }
@@ -231,9 +222,6 @@ std::vector<Case> read_cases() {
                         else if (l.find(": ") != std::string::npos)
                             c.field[l.substr(0, l.find(": "))] = l.substr(l.find(": ") + 2);
                     }
-                    for (auto& sec : c.section)  // blank lines only separate cases
-                        while (!sec.second.empty() && sec.second.back().empty())
-                            sec.second.pop_back();
                     cases.push_back(c);
                 }
             }
