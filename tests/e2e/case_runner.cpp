@@ -213,6 +213,8 @@ std::vector<Case> read_cases() {
                     Case c{title, link == "none" ? "" : link, {}, {}};
                     c.name += alt.empty() ? "" : " (" + std::regex_replace(alt, trim, "") + ")";
                     c.name += c.link.empty() ? "" : " [" + link + "]";
+                    for (char& ch : c.name)  // as a test name
+                        ch = isalnum(static_cast<unsigned char>(ch)) ? ch : '_';
                     std::string current;  // the section being read
                     for (const std::string& l : expand(lines, params, c.link)) {
                         if (std::regex_match(l, section))
@@ -384,14 +386,6 @@ struct Vmcu {
             close(out);
         pid = -1;
     }
-    // What the tool needs to reach it (the emulation comes before ASan's runtime).
-    Lines env() const {
-        if (!spi)
-            return {};
-        return {"LD_PRELOAD=" + env_or("MCU_VMCU_SPIDEV", MCU_VMCU_SPIDEV_PATH),
-                "VMCU_SPI_SOCKET=" + dir.file("spi.sock"),
-                "ASAN_OPTIONS=" + env_or("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"};
-    }
     Lines log(const std::string& prefix = "") const {  // its lines that start so, without it
         Lines out;
         for (const std::string& l : split(read_file(dir.file("vmcu.log")), '\n'))
@@ -493,8 +487,12 @@ void run_case(Case c) {
             std::ofstream(dir.file(w[0]), std::ios::binary) << bytes;
         }
     }
-    Lines env = mcu ? mcu->env() : Lines(), own = words(fill(c.get("env")));
-    env.insert(env.end(), own.begin(), own.end());
+    Lines env = words(fill(c.get("env")));
+    if (c.link == "spi")  // to reach the MCU; the emulation comes before ASan's runtime
+        env.insert(env.begin(),
+                   {"LD_PRELOAD=" + env_or("MCU_VMCU_SPIDEV", MCU_VMCU_SPIDEV_PATH),
+                    "VMCU_SPI_SOCKET=" + dir.file("spi.sock"),
+                    "ASAN_OPTIONS=" + env_or("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"});
     Run held;
     std::thread holder, stopper;
     if (!c.get("holder").empty()) {
@@ -553,12 +551,8 @@ TEST_P(Cases, Transcript) {
 }
 
 INSTANTIATE_TEST_SUITE_P(E2e, Cases, testing::ValuesIn(read_cases()),
-                         [](const testing::TestParamInfo<Case>& info) {
-                             std::string n;
-                             for (char ch : info.param.name)
-                                 n += isalnum(static_cast<unsigned char>(ch)) ? ch : '_';
-                             return n;
-                         });
+                         [](const testing::TestParamInfo<Case>& info) { return info.param.name; });
+
 // No descriptor outlives the link: the library's public calls in this process
 // (the spidev emulation preloaded; its children get it only where a case asks).
 struct ChildrenWithoutPreload {
