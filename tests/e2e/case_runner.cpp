@@ -250,10 +250,6 @@ pid_t spawn(Lines argv, int out, int err) {
     return pid;
 }
 
-useconds_t after(double s) {
-    return static_cast<useconds_t>((s + kSlack) * 1e6);
-}
-
 struct TempDir {  // a scratch directory, removed at destruction
     std::string path = mkdtemp(std::string("/tmp/mcu_test_XXXXXX").data());
     std::error_code ec;
@@ -295,7 +291,7 @@ Run run(const TempDir& dir, const std::string& name, const Lines& argv, int sig 
     close(err);
     Run r;
     if (sig != 0) {
-        usleep(static_cast<useconds_t>(sig_at * 1e6));
+        std::this_thread::sleep_for(std::chrono::duration<double>(sig_at));
         r.out_at_signal = read_file(dir.file(name + ".out"));
         kill(pid, sig);
     }
@@ -498,11 +494,12 @@ void run_case(Case c) {
     if (!c.get("holder").empty()) {
         holder =
             std::thread([&] { held = run_tool(dir, "holder", words(fill(c.get("holder"))), env); });
-        usleep(after(0.5));
+        std::this_thread::sleep_for(std::chrono::duration<double>(0.5 + kSlack));
     }
     if (!c.get("mcu-stop").empty())
         stopper = std::thread([&] {
-            usleep(after(std::stod(c.get("mcu-stop"))));
+            std::this_thread::sleep_for(
+                std::chrono::duration<double>(std::stod(c.get("mcu-stop")) + kSlack));
             mcu->stop();
         });
     const Lines sig = words(c.get("signal"));
