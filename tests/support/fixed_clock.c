@@ -3,7 +3,7 @@
 #include <stdlib.h>
 #include <sys/time.h>
 
-#if defined(__BIONIC__)  /* as each C library declares it */
+#if defined(__BIONIC__) /* as each C library declares it */
 int gettimeofday(struct timeval* tv, struct timezone* tz) {
 #else
 int gettimeofday(struct timeval* tv, void* tz) {
