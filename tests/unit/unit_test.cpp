@@ -2,7 +2,6 @@
 // conversion's capacity bound, the TTY parser's bound on noise, and library
 // calls as other programs make them.
 #include <gtest/gtest.h>
-#include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -15,33 +14,18 @@
 
 namespace {
 
-std::string g_diag;
-
-int capture(const char* fmt, ...) {
-    char buf[512];
-    va_list ap;
-    va_start(ap, fmt);
-    int n = vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    g_diag += buf;
-    return n;
-}
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;  // diagnostics go to standard output
 
 class Unit : public testing::Test {
 protected:
-    void SetUp() override {
-        pfn_print = capture;
-        g_diag.clear();
-        set_comp_id(1);
-    }
-    void TearDown() override {
-        pfn_print = printf;
-        m_sys_id_check = m_comp_id_check = 1;
-    }
+    void SetUp() override { set_comp_id(1); }
+    void TearDown() override { m_sys_id_check = m_comp_id_check = 1; }
 };
 
 TEST_F(Unit, HexConversionStopsAtTheCapacity) {
     uint8_t buf[4] = {0xEE, 0xEE, 0xEE, 0xEE};
+    CaptureStdout();
     EXPECT_EQ(string2hex("0123456789", buf, 3), -1);
     EXPECT_EQ(buf[0], 0xEE);
     EXPECT_EQ(string2hex("01aBcd", buf, 3), 3);
@@ -49,7 +33,7 @@ TEST_F(Unit, HexConversionStopsAtTheCapacity) {
     EXPECT_EQ(buf[2], 0xCD);
     EXPECT_EQ(buf[3], 0xEE);
     EXPECT_EQ(string2hex("12", nullptr, 3), -1);
-    EXPECT_NE(g_diag.find("buffer too small 3 < 5"), std::string::npos) << g_diag;
+    EXPECT_NE(GetCapturedStdout().find("buffer too small 3 < 5"), std::string::npos);
 }
 
 TEST_F(Unit, TtyParseGivesUpAfterTwoFramesOfNoiseAndTakesTheLargestFrame) {
@@ -66,9 +50,10 @@ TEST_F(Unit, TtyParseGivesUpAfterTwoFramesOfNoiseAndTakesTheLargestFrame) {
     m_serial_type = SERIAL_TYPE_TTY;
     m_serial_fd = fd;
     m_sys_id_check = m_comp_id_check = 0;
+    CaptureStdout();
     EXPECT_EQ(mcu_recv(&m_rx_msg, nullptr, 0), -1);
-    EXPECT_NE(g_diag.find("no frame within 130020 bytes"), std::string::npos) << g_diag;
-    EXPECT_EQ(mcu_recv(&m_rx_msg, nullptr, 0), 0) << g_diag;
+    EXPECT_NE(GetCapturedStdout().find("no frame within 130020 bytes"), std::string::npos);
+    EXPECT_EQ(mcu_recv(&m_rx_msg, nullptr, 0), 0);
     EXPECT_EQ(m_rx_msg.msgid, CMD_DOWNLOADING);
     m_serial_fd = -1;
     close(fd);
