@@ -13,10 +13,8 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <list>
 #include <map>
 #include <optional>
 #include <regex>
@@ -94,7 +92,6 @@ struct Case {
     std::string name, link;  // link: "tty", "spi" or "" (no device)
     Params field;
     std::map<std::string, Lines> section;
-    std::string get(const std::string& k) const { return field.count(k) ? field.at(k) : ""; }
 };
 
 // Pieces by name: their parameters ("K" or "K=DEFAULT", in call order) and lines.
@@ -255,9 +252,6 @@ struct TempDir {  // a scratch directory, removed at destruction
     std::error_code ec;
     ~TempDir() { std::filesystem::remove_all(path, ec); }
     std::string file(const std::string& name) const { return path + "/" + name; }
-    int create(const std::string& name) const {
-        return open(file(name).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    }
 };
 
 // Source lines of diagnostics, trace stamps, the statistics' elapsed time and
@@ -284,7 +278,8 @@ struct Run {
 // `sig_at` seconds after the start.
 Run run(const TempDir& dir, const std::string& name, const Lines& argv, int sig = 0,
         double sig_at = 0) {
-    const int out = dir.create(name + ".out"), err = dir.create(name + ".err");
+    const int out = open(dir.file(name + ".out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600),
+              err = open(dir.file(name + ".err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     const auto start = std::chrono::steady_clock::now();
     const pid_t pid = spawn(argv, out, err);
     close(out);
@@ -438,8 +433,8 @@ std::string unhex(const std::string& hex) {
 }
 
 void run_case(Case c) {
-    if (!c.get("emulator").empty() && !kEmulator.empty())
-        GTEST_SKIP() << c.get("emulator");
+    if (!c.field["emulator"].empty() && !kEmulator.empty())
+        GTEST_SKIP() << c.field["emulator"];
     TempDir dir;
     std::optional<Vmcu> mcu;
     auto fill = [&](std::string s) {
@@ -454,7 +449,8 @@ void run_case(Case c) {
         // "$START+MS" and "$S+N" (seconds): so long after the tool's start-up
         for (const auto& [mark, unit] : {std::pair{"$START+", 1000}, {"$S+", 1}})
             for (size_t p, n; (p = s.find(mark)) != std::string::npos;) {
-                const long v = std::stol(s.substr(p + strlen(mark)), &n) + lround(kSlack * unit);
+                const long v =
+                    std::stol(s.substr(p + strlen(mark)), &n) + static_cast<long>(kSlack * unit);
                 s.replace(p, strlen(mark) + n, std::to_string(v));
             }
         return s;
@@ -467,7 +463,7 @@ void run_case(Case c) {
         return t;
     };
     if (!c.link.empty()) {
-        Lines args = words(fill(c.get("mcu")));
+        Lines args = words(fill(c.field["mcu"]));
         args.insert(args.end(), {"--image", dir.file("received.bin"), "--raw", dir.file("raw")});
         mcu.emplace(dir, c.link == "spi", args);
         ASSERT_TRUE(mcu->pid > 0 && !mcu->dev.empty());
@@ -483,42 +479,41 @@ void run_case(Case c) {
             std::ofstream(dir.file(w[0]), std::ios::binary) << bytes;
         }
     }
-    Lines env = words(fill(c.get("env")));
+    Lines env = words(fill(c.field["env"]));
     if (c.link == "spi")  // to reach the MCU; the emulation comes before ASan's runtime
         env.insert(env.begin(),
                    {"LD_PRELOAD=" + env_or("MCU_VMCU_SPIDEV", MCU_VMCU_SPIDEV_PATH),
                     "VMCU_SPI_SOCKET=" + dir.file("spi.sock"),
                     "ASAN_OPTIONS=" + env_or("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"});
     Run held;
-    std::thread holder, stopper;
-    if (!c.get("holder").empty()) {
-        holder =
-            std::thread([&] { held = run_tool(dir, "holder", words(fill(c.get("holder"))), env); });
+    std::thread holder, stopper;  // reading only what is worked out before they start
+    const Lines held_args = words(fill(c.field["holder"])), args = words(fill(c.field["args"]));
+    const std::string stop_at = c.field["mcu-stop"];
+    if (!held_args.empty()) {
+        holder = std::thread([&] { held = run_tool(dir, "holder", held_args, env); });
         std::this_thread::sleep_for(std::chrono::duration<double>(0.5 + kSlack));
     }
-    if (!c.get("mcu-stop").empty())
+    if (!stop_at.empty())
         stopper = std::thread([&] {
-            std::this_thread::sleep_for(
-                std::chrono::duration<double>(std::stod(c.get("mcu-stop")) + kSlack));
+            std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(stop_at) + kSlack));
             mcu->stop();
         });
-    const Lines sig = words(c.get("signal"));
+    const Lines sig = words(c.field["signal"]);
     const int signo = sig.empty() ? 0 : sig[0] == "INT" ? SIGINT : SIGTERM;
-    const Run r = run_tool(dir, "tool", words(fill(c.get("args"))), env, signo,
-                           signo ? std::stod(sig[1]) + kSlack : 0);
+    const Run r = run_tool(dir, "tool", args, env, signo, signo ? std::stod(sig[1]) + kSlack : 0);
     for (std::thread* t : {&holder, &stopper})
         if (t->joinable())
             t->join();
     if (mcu)
         mcu->stop();
 
-    EXPECT_EQ(r.status, std::stoi(c.get("status").empty() ? "0" : c.get("status")));
+    EXPECT_EQ(r.status, std::stoi(c.field["status"].empty() ? "0" : c.field["status"]));
     EXPECT_EQ(normalize(r.out), transcript("out"));
     EXPECT_EQ(normalize(r.err), transcript("err"));
     const std::string before_stats =
         r.out.substr(0, r.out.find("=============================\nFen"));
     EXPECT_EQ(r.out_at_signal, signo ? before_stats : "");  // all out before the signal came
-    if (const Lines s = words(c.get("secs")); !s.empty()) {
+    if (const Lines s = words(c.field["secs"]); !s.empty()) {
         EXPECT_GE(r.seconds, std::stod(s[0]));
         EXPECT_LE(r.seconds, std::stod(s[1]) + 2 * kSlack);
     }
@@ -533,9 +528,9 @@ void run_case(Case c) {
         at = std::find(at, log.end(), want);
         EXPECT_NE(at, log.end()) << "not in the MCU's log (in order): " << want;
     }
-    if (!c.get("gaps").empty())
-        check_gaps(c.get("gaps"), *mcu);
-    const std::string raw = c.get("raw"), image = c.get("received");  // bytes received, stored
+    if (!c.field["gaps"].empty())
+        check_gaps(c.field["gaps"], *mcu);
+    const std::string raw = c.field["raw"], image = c.field["received"];  // bytes received, stored
     EXPECT_TRUE(raw.empty() || read_file(dir.file("raw")) == unhex(raw)) << "raw bytes";
     EXPECT_TRUE(image.empty() || read_file(dir.file("received.bin")) == read_file(dir.file(image)))
         << "the MCU does not hold " << image << " byte for byte";
@@ -567,10 +562,10 @@ std::multiset<std::string> open_descriptors() {
 // Points the library (which keeps the path by pointer, so it lives as long as
 // the process) and the emulation at `mcu`.
 void use(const Vmcu& mcu) {
-    static std::list<std::string> paths;
+    static std::set<std::string> paths;
     setenv("VMCU_SPI_SOCKET", mcu.dir.file("spi.sock").c_str(), 1);
     set_comp_id(0x0A);
-    set_serial_dev(paths.emplace_back(mcu.dev).c_str());
+    set_serial_dev(paths.insert(mcu.dev).first->c_str());
 }
 
 class Descriptors : public testing::TestWithParam<bool> {};
