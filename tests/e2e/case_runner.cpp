@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <stdarg.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -302,7 +301,6 @@ Run run(const TempDir& dir, const std::string& name, const Lines& argv, int sig 
 // What the tool's C library says: the probe's output, run as the tool would be
 // (natively bash's exec names it).
 std::string libc_words(const std::string& request) {
-    static Params said;
     const std::string probe = env_or("MCU_LIBC_WORDS", MCU_LIBC_WORDS_PATH);
     Lines argv = kEmulator, w = words(request);
     if (argv.empty())
@@ -310,13 +308,10 @@ std::string libc_words(const std::string& request) {
     else
         argv.insert(argv.end(), {"-0", kTool, probe});
     argv.insert(argv.end(), w.begin(), w.end());
-    if (!said.count(request)) {
-        const Run r = run(TempDir(), "said", argv);
-        const std::string text = r.out + r.err;
-        EXPECT_EQ(r.status, 0) << "libc_words " << request << ": " << text;
-        said[request] = text.substr(0, text.find_last_not_of('\n') + 1);
-    }
-    return said[request];
+    const Run r = run(TempDir(), "said", argv);
+    const std::string text = r.out + r.err;
+    EXPECT_EQ(r.status, 0) << "libc_words " << request << ": " << text;
+    return text.substr(0, text.find_last_not_of('\n') + 1);
 }
 
 // The tool with `args` and `env` ("NAME=value"), killed after 120 s. A report
@@ -350,11 +345,10 @@ Run run_tool(const TempDir& dir, const std::string& name, const Lines& args, con
 // The virtual MCU on a pseudo-terminal or behind the emulated /dev/spidev0.0.
 struct Vmcu {
     const TempDir& dir;
-    const bool spi;
     std::string dev;
     pid_t pid = -1;
     int out = -1;
-    Vmcu(const TempDir& dir, bool spi, const Lines& args) : dir(dir), spi(spi) {
+    Vmcu(const TempDir& dir, bool spi, const Lines& args) : dir(dir) {
         Lines argv = {MCU_VMCU_PATH, spi ? "--spi" : "--pty", "--log", dir.file("vmcu.log")};
         if (spi)
             argv.insert(argv.begin() + 2, dir.file("spi.sock"));
@@ -386,8 +380,7 @@ struct Vmcu {
     }
 };
 
-// Exact hex, a trailing '*' for a prefix, " xN" for N alike, "..." for any
-// frames up to the next that matches.
+// Frames: exact hex, "HEX*" a prefix, "HEX xN" N alike, "..." any up to the next match.
 void check_frames(const Lines& want, const Lines& got) {
     size_t g = 0;
     for (size_t w = 0; w < want.size(); w++) {
@@ -471,7 +464,7 @@ void run_case(Case c) {
     for (const auto& [key, item] : c.field) {  // "NAME HEX", "NAME random N", "NAME dir"
         const Lines w = words(fill(item));
         if (key.rfind("file", 0) == 0 && w.size() == 2 && w[1] == "dir")
-            mkdir(dir.file(w[0]).c_str(), 0700);
+            std::filesystem::create_directory(dir.file(w[0]));
         else if (key.rfind("file", 0) == 0) {
             std::string bytes = w.size() == 2 ? unhex(w[1]) : "";
             for (unsigned i = 0, n = w.size() > 2 ? std::stoul(w[2]) : 0, seed = n; i < n; i++)
@@ -547,9 +540,7 @@ INSTANTIATE_TEST_SUITE_P(E2e, Cases, testing::ValuesIn(read_cases()),
 
 // No descriptor outlives the link: the library's public calls in this process
 // (the spidev emulation preloaded; its children get it only where a case asks).
-struct ChildrenWithoutPreload {
-    ChildrenWithoutPreload() { unsetenv("LD_PRELOAD"); }
-} children_without_preload;
+[[maybe_unused]] const bool kChildrenWithoutPreload = unsetenv("LD_PRELOAD") == 0;
 
 std::multiset<std::string> open_descriptors() {
     std::multiset<std::string> fds;

@@ -1,8 +1,7 @@
-/* What the C library says, for cases that must not pin one library's words.
- *   libc_words strerror ENOENT|ENOTTY|EISDIR   prints that error's text
- *   libc_words getopt NAME:HAS_ARG,... -- ARGS  runs getopt_long_only over ARGS
- *     with those long options, its complaints on standard error; argv[0] is
- *     kept, so run it under the tool's name. */
+/* What the C library says, for cases that must not pin one library's words: `strerror ENOENT`
+ * (or ENOTTY, EISDIR) prints that error's text; `getopt NAME:HAS_ARG,... -- ARGS` runs
+ * getopt_long_only over ARGS with those long options, its complaints on standard error and
+ * under argv[0], so run it under the tool's name. */
 #include <errno.h>
 #include <getopt.h>
 #include <stdio.h>
@@ -11,16 +10,14 @@
 #include <unistd.h>
 
 int main(int argc, char** argv) {
-    static const struct {
-        const char* name;
-        int code;
-    } errors[] = {{"ENOENT", ENOENT}, {"ENOTTY", ENOTTY}, {"EISDIR", EISDIR}};
+    static const char* const names[] = {"ENOENT", "ENOTTY", "EISDIR"};
+    static const int codes[] = {ENOENT, ENOTTY, EISDIR};
     struct option options[16];
     int n = 0;
     if (argc == 3 && strcmp(argv[1], "strerror") == 0) {
-        for (size_t i = 0; i < sizeof errors / sizeof errors[0]; i++)
-            if (strcmp(argv[2], errors[i].name) == 0)
-                return puts(strerror(errors[i].code)) < 0;
+        for (size_t i = 0; i < sizeof codes / sizeof codes[0]; i++)
+            if (strcmp(argv[2], names[i]) == 0)
+                return puts(strerror(codes[i])) < 0;
         return 2;
     }
     if (argc < 4 || strcmp(argv[1], "getopt") != 0 || strcmp(argv[3], "--") != 0)

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <string>
@@ -41,12 +42,8 @@ TEST_F(Unit, TtyParseGivesUpAfterTwoFramesOfNoiseAndTakesTheLargestFrame) {
     const int n = mcu_package(CMD_DOWNLOADING, chunk.data(), 65000);  // to the target, as sent
     const uint8_t* frame = reinterpret_cast<const uint8_t*>(&m_tx_msg);
     stream.insert(stream.end(), frame, frame + n);
-    char path[] = "/tmp/mcu_tty_XXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    unlink(path);
-    ASSERT_EQ(write(fd, stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
-    lseek(fd, 0, SEEK_SET);
+    const int fd = memfd_create("stream", 0);
+    ASSERT_EQ(pwrite(fd, stream.data(), stream.size(), 0), static_cast<ssize_t>(stream.size()));
     m_serial_type = SERIAL_TYPE_TTY;
     m_serial_fd = fd;
     m_sys_id_check = m_comp_id_check = 0;
