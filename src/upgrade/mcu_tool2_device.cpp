@@ -63,10 +63,14 @@ int link_up(const char* func, const char* no_target) {
     return 0;
 }
 
-void mcu_uninit(void) {
+void link_release(void) {
     mcu_close(m_serial_fd);
-    print_stts(&m_stts);
     m_serial_fd = -1;
+}
+
+void mcu_uninit(void) {
+    link_release();
+    print_stts(&m_stts);
 }
 
 int version_to_string(ST_Version* v, char* buf, int len) {

@@ -182,6 +182,10 @@ int mcu_recv(ST_MavlinkMsg* msg, uint8_t* buf, int length);
 // `no_target` in the name of `func`), then bring the link up ("mcu_init
 // fail" on failure). 0 when the link is up, -1 otherwise.
 int link_up(const char* func, const char* no_target);
+// Closes the device without the statistics report: the failure paths that
+// end an action with no report still free the device (and its lock) for the
+// next action of the same process.
+void link_release(void);
 // CMD_SYSTEM_RESET of reset_type, confirmed with 0x55AA; the engine's result.
 int reset_exchange(uint16_t reset_type, int timeout);
 

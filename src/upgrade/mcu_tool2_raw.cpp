@@ -130,6 +130,7 @@ int mcu_writeraw(const char* str) {
     if (mcu_write(m_serial_fd, buf, n, nullptr) < 0) {
         LOG_ERR("send %d bytes fail\n", n);
         m_stts.txFail++;
+        link_release();
         return -1;
     }
     mcu_uninit();
@@ -151,6 +152,7 @@ int mcu_sendraw_then_monitor(const char* str, uint8_t msgid, int seconds) {
     int ret = send_raw_message(n);
     if (ret < 0) {
         LOG_ERR("mcu send fail\n");
+        link_release();
         return ret;
     }
     mcu_monitor(msgid, monitor_timeout_ms(seconds));
