@@ -48,15 +48,11 @@ cd "$tmp/work"
 awk 'BEGIN { for (i = 0; i < 2000; i++) printf "%c", 65 + i % 26 }' >app.bin
 printf '1234' >digits.txt
 
+# The run's own paths, then what varies from run to run (scripts/normalise.sed).
 normalise() {
     local sed_pty=(-e 's#@@@##')
     [ -n "$pty" ] && sed_pty=(-e "s#$pty#/dev/ttyVMCU#g")
-    sed "${sed_pty[@]}" \
-        -e "s#$tmp/work/##g" -e "s#$tmp#/tmp#g" \
-        -e 's/Build [A-Z][a-z][a-z] [ 0-9][0-9] [0-9]\{4\} [0-9:]\{8\}/Build <date> <time>/' \
-        -e 's/\b\([A-Za-z_][A-Za-z0-9_]*\) [0-9]\+, /\1 #, /g' \
-        -e 's/elapse -\?[0-9]\+\.-\?[0-9]\{3\} s/elapse #.### s/' \
-        -e 's/<[0-9]\+\.[0-9]\{6\}>/<T>/g'
+    sed -E "${sed_pty[@]}" -e "s#$tmp/work/##g" -e "s#$tmp#/tmp#g" -f "$root/scripts/normalise.sed"
 }
 
 out=$tmp/transcripts.md

@@ -81,17 +81,14 @@ void prepare(unsigned long long seed, unsigned index, const std::string& dir) {
     std::filesystem::create_directories(dir);
     std::ofstream(dir + "/app.bin", std::ios::binary) << image;
     std::ofstream(dir + "/run.sh")
-        << "# run " << index << " of seed " << seed << "\ncd \"$(dirname \"$0\")\"\n"
-        << SOAK_VMCU_PATH " --log vmcu.log --image received.bin --exit-after "
-        << 1000 * kBoundS + 60000 << vmcu << (spi ? " --spi spi.sock" : " --pty")
-        << " >vmcu.out 2>vmcu.err & vmcu=$!\n"
-        // The vmcu's first line, once the device is up, names it.
-        << "for i in $(seq 1000); do [ -s vmcu.out ] && break; sleep 0.01; done\n"
+        << "# run " << index << " of seed " << seed << "\ncd \"$(dirname \"$0\")\"\n. " SOAK_VMCU_SH
+        << "\nvmcu_start vmcu.out " SOAK_VMCU_PATH
+           " --log vmcu.log --image received.bin --exit-after "
+        << 1000 * kBoundS + 60000 << vmcu << (spi ? " --spi spi.sock" : " --pty") << "\n"
         << (spi ? "export LD_PRELOAD=" SOAK_SHIM_PATH " VMCU_SPI_SOCKET=spi.sock\n" : "")
         << "timeout -s KILL " << kBoundS << " " SOAK_TOOL_PATH " -id 0xA -dev "
-        << (spi ? "/dev/spidev0.0" : "$(sed -n 's/^pty: //p' vmcu.out)")
-        << (fw_only ? " --upgrade-fw" : " --upgrade") << " app.bin >tool.out 2>tool.err\n"
-        << "echo $? >status\nkill $vmcu\nwait $vmcu\n";
+        << (spi ? "/dev/spidev0.0" : "$pty") << (fw_only ? " --upgrade-fw" : " --upgrade")
+        << " app.bin >tool.out 2>tool.err\necho $? >status\nvmcu_stop\n";
 }
 
 // Judges the run in `dir`: counts a success, prints the run and keeps it when it broke the rule.
@@ -125,7 +122,7 @@ int main(int argc, char** argv) {
     for (unsigned i = 0; i < runs; i++)
         prepare(strtoull(argv[2], nullptr, 0), i, dir + "/run-" + std::to_string(i));
     const std::string each = "cd '" + dir + "' && seq 0 " + std::to_string(runs - 1);
-    if (std::system((each + " | xargs -P " + argv[3] + " -I{} sh run-{}/run.sh").c_str()) == -1)
+    if (std::system((each + " | xargs -P " + argv[3] + " -I{} bash run-{}/run.sh").c_str()) == -1)
         return printf("soak: no shell\n"), 2;
     unsigned successes = 0, breaks = 0;
     for (unsigned i = 0; i < runs; i++)

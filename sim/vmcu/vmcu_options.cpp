@@ -62,7 +62,7 @@ const char kHelp[] =
     "                      XFERFAIL, RULE, RESET, REQUEST_UPGRADE, ERASE, DUP,\n"
     "                      CRC ok|bad, APP_GO, NOTE, SHIM, DROP, EXIT\n"
     "  --raw FILE          TTY: every received byte; SPI: every non-zero transfer\n"
-    "  --exit-after MS     exit after MS (default 120000, 0 = never); on SIGTERM\n"
+    "  --exit-after MS     exit after MS (default 0: run until stopped); on SIGTERM\n"
     "                      and SIGINT at once\n"
     "  --help              this text\n";
 

@@ -74,7 +74,7 @@ struct Options {
     std::string raw_path;
     std::string image_path;
     long baud = 0;
-    long exit_after_ms = 120000;
+    long exit_after_ms = 0;  // 0: until stopped
 };
 
 // Parses argv. On error writes a message to `err` and returns false; when

@@ -1,12 +1,13 @@
 // Unit tests of what the end-to-end cases cannot reach cheaply: the hex
-// conversion's capacity bound, the TTY parser's bound on noise, and library
-// calls as other programs make them.
+// conversion's capacity bound, the TTY parser's bound on noise, the public
+// calls' argument checks, and library calls as other programs make them.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,70 @@ TEST_F(Unit, TtyParseGivesUpAfterTwoFramesOfNoiseAndTakesTheLargestFrame) {
     close(fd);
 }
 
+// Each public call that checks its arguments refuses null pointers and
+// empty, zero or negative sizes with its diagnostic and its failure result.
+TEST_F(Unit, PublicCallsRefuseBadArguments) {
+    ST_Version v = {1, 2, 3, 4};
+    char text[16], type[] = "Software", name[] = "n";
+    uint8_t b[4];
+    const char* f = "/tmp/mcu_unit_bad_arguments";
+    const struct {
+        int result;
+        std::function<int()> call;
+        const char* says;  // "" nothing at all
+    } kCalls[] = {
+        {-1, [] { return set_serial_dev(nullptr); }, "set_serial_dev "},
+        {-1, [] { return set_serial_dev(""); }, "null string"},
+        {-1, [] { return set_print_fxn(nullptr), set_serial_speed(0); }, "zero speed"},
+        {-1, [] { return print_stts(nullptr); }, "print_stts "},
+        {0, [] { return clear_stts(nullptr), 0; }, ""},
+        {-1, [&] { return version_to_string(nullptr, text, 16); }, "invalid params"},
+        {-1, [&] { return version_to_string(&v, nullptr, 16); }, "invalid params"},
+        {-1, [&] { return version_to_string(&v, text, 0) + version_to_string(&v, text, -1) + 1; },
+         "version_to_string "},
+        {-1, [&] { return print_version(type, nullptr); }, "null param"},
+        {-1, [&] { return mcu_get_softver(0x0A, nullptr, 16); }, "mcu_get_softver "},
+        {-1, [&] { return mcu_get_softver(0x0A, text, 0) + mcu_get_softver(0x0A, text, -1) + 1; },
+         "invalid params"},
+        {-1, [] { return mcu_upgrade(nullptr); }, "mcu_upgrade "},
+        {-1, [] { return mcu_sendraw(nullptr); }, "mcu_sendraw "},
+        {-1, [] { return mcu_writeraw(nullptr); }, "mcu_writeraw "},
+        {-1, [] { return mcu_sendraw_then_monitor(nullptr, 0xFF, 1); }, "string convert"},
+        {-1, [] { return mcu_crc16(nullptr); }, "mcu_crc16 "},
+        {-1, [] { return mcu_crc32(nullptr); }, "mcu_crc32 "},
+        {0, [] { return hexdump(nullptr, 4), 0; }, ""},
+        {7, [] { return static_cast<int>(crc32_update(nullptr, 4, 7)); }, "null pointer"},
+        {7, [&] { return static_cast<int>(crc32_update(b, 0, 7)); }, "uiLen == 0"},
+        {0, [] { return static_cast<int>(calc_crc32(nullptr, 4)); }, "crc32_update "},
+        {-1, [] { return file_size(nullptr); }, "file_size "},
+        {-1, [] { return file_size(""); }, "null pointer"},
+        {-1, [&] { return read_file(nullptr, b, 4); }, "read_file "},
+        {-1,
+         [&] { return read_file(f, nullptr, 4) + read_file(f, b, 0) + read_file(f, b, -1) + 2; },
+         "params wrong"},
+        {-1, [&] { return write_file(nullptr, b, 4); }, "write_file "},
+        {-1,
+         [&] { return write_file(f, nullptr, 4) + write_file(f, b, 0) + write_file(f, b, -1) + 2; },
+         "params wrong"},
+        {-1, [&] { return append_file(nullptr, b, 4); }, "append_file "},
+        {-1, [&] { return append_file(f, nullptr, 4) + append_file(f, b, 0) + 1; }, "params wrong"},
+        {-1, [&] { return calc_md5sum(nullptr, b, 4); }, "calc_md5sum "},
+        {-1, [&] { return calc_md5sum(text + 15, b, 4) + calc_md5sum(name, nullptr, 4) + 1; },
+         "params wrong"},
+        {-1, [&] { return calc_md5sum(name, b, 0) + calc_md5sum(name, b, -1) + 1; },
+         "params wrong"},
+    };
+    text[15] = '\0';
+    for (const auto& c : kCalls) {
+        CaptureStdout();
+        const int result = c.call();
+        const std::string said = GetCapturedStdout();
+        EXPECT_EQ(result, c.result) << c.says;
+        EXPECT_TRUE(*c.says ? said.find(c.says) != said.npos : said.empty()) << said;
+    }
+    EXPECT_NE(access(f, F_OK), 0) << "a refused call created the file";
+}
+
 TEST_F(Unit, CallsAsOtherProgramsMakeThem) {
     ST_MavlinkStts st;
     memset(&st, 0xA5, sizeof st);
@@ -63,7 +128,6 @@ TEST_F(Unit, CallsAsOtherProgramsMakeThem) {
     EXPECT_EQ(st.txPkts + st.rxBytes + st.cmdFail + st.rxCnt[CMD_NUM_MAX - 1], 0u);
     EXPECT_EQ(my_system("exit %d", 3), 0) << "the command ran";
     EXPECT_EQ(my_system("true"), 0);
-    EXPECT_EQ(read_file("/dev/null", nullptr, 4), -1);
 }
 
 // Whatever a file is called, md5sum gets its name as one word and the shell
