@@ -23,9 +23,10 @@ MCU_DEPS_INSTALL_CHECK="man-db groff-base pkg-config util-linux mount"
 MCU_DEPS_PACKAGES="dpkg-dev lintian file g++-aarch64-linux-gnu libc6-dev-arm64-cross qemu-user
     pkg-config"
 # scripts/test-all.sh: everything above, GoogleTest (the installed libraries
-# for the native builds, its sources for the cross build), the fuzzing and
-# sanitizer runtimes of clang, valgrind, clang-tidy and cppcheck.
-MCU_DEPS_TEST="$MCU_DEPS_DEMO gcc libc6-dev googletest libgtest-dev libclang-rt-14-dev
+# for the native builds, its sources for the cross build), the fuzzing,
+# sanitizer and profile runtimes of clang, llvm-profdata and llvm-cov for the
+# coverage line (scripts/coverage.sh), valgrind, clang-tidy and cppcheck.
+MCU_DEPS_TEST="$MCU_DEPS_DEMO gcc libc6-dev googletest libgtest-dev libclang-rt-14-dev llvm
     valgrind clang-tidy cppcheck $MCU_DEPS_ANDROID $MCU_DEPS_INSTALL_CHECK $MCU_DEPS_PACKAGES"
 
 # Prints the packages of the arguments that are not installed, once each, in
