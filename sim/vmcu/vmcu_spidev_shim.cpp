@@ -260,6 +260,20 @@ int flock(int fd, int op) {
     return 0;
 }
 
+// A copy of a device's descriptor is the same device (without the lock).
+int fcntl(int fd, int cmd, ...) {
+    va_list ap;
+    va_start(ap, cmd);
+    const long arg = va_arg(ap, long);
+    va_end(ap);
+    const int r = next_symbol<int (*)(int, int, ...)>("fcntl")(fd, cmd, arg);
+    if (is_ours(fd) && (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC) && r >= 0 && r < kMaxFd) {
+        g_dev[r] = g_dev[fd];
+        g_dev[r].lock_fd = -1;
+    }
+    return r;
+}
+
 int close(int fd) {
     if (is_ours(fd)) {
         g_dev[fd].used = false;

@@ -39,6 +39,17 @@ int lock_device(int fd, const char* serialname) {
     return -1;
 }
 
+// A program that closed its standard input gets descriptor 0 for the device,
+// which mcu_close never closes: the device moves to another descriptor, so
+// the next action of the same program finds it free.
+int off_zero(int fd) {
+    if (fd != 0)
+        return fd;
+    int moved = fcntl(fd, F_DUPFD, 1);
+    close(fd);
+    return moved;
+}
+
 // The kind-specific openers report as the call that picks them.
 constexpr const char* kOpen = "mcu_open";
 
@@ -81,7 +92,7 @@ int mcu_open(const char* serialname, int baudrate) {
 }
 
 int open_spi_serial(const char* serialname, int baudrate) {
-    int fd = open(serialname, O_RDWR);
+    int fd = off_zero(open(serialname, O_RDWR));
     if (fd < 0) {
         LOG_ERR_AS(kOpen, "can't open device %s failed, %s\n\n", serialname, strerror(errno));
         return -1;
@@ -102,7 +113,7 @@ int open_spi_serial(const char* serialname, int baudrate) {
 }
 
 int open_tty_serial(const char* serialname, int baudrate) {
-    int fd = open(serialname, O_RDWR | O_NOCTTY | O_NONBLOCK);
+    int fd = off_zero(open(serialname, O_RDWR | O_NOCTTY | O_NONBLOCK));
     if (fd < 0) {
         LOG_ERR_AS(kOpen, "open %s fail : %s\n", serialname, strerror(errno));
         return -1;

@@ -605,6 +605,16 @@ const Call kCalls[] = {
          return r;
      },
      -3, -3},
+    {"stdin_closed", "",
+     [] {
+         const int saved = dup(0);
+         close(0);
+         const int r = mcu_version(), left = fcntl(0, F_GETFD);  // -1: nothing left on 0
+         dup2(saved, 0);
+         close(saved);
+         return left == -1 ? r : -9;
+     },
+     0, 0},
     {"version_refused", "DB:nak", mcu_version, -2, -2},
     {"version_time_out", "DB:silent*3", mcu_version, -3, -3},
     {"version_failed_transfer", "DB:xferfail", mcu_version, 0, -1},
