@@ -479,16 +479,13 @@ void run_case(Case c) {
         mcu.emplace(dir, c.link == "spi", args);
         ASSERT_TRUE(mcu->pid > 0 && !mcu->dev.empty());
     }
-    for (const auto& [key, item] : c.field) {  // "NAME HEX", "NAME random N", "NAME dir"
-        const Lines w = words(fill(item));
-        if (key.rfind("file", 0) == 0 && w.size() == 2 && w[1] == "dir")
-            std::filesystem::create_directory(dir.file(w[0]));
-        else if (key.rfind("file", 0) == 0) {
-            std::string bytes = w.size() == 2 ? unhex(w[1]) : "";
-            for (unsigned i = 0, n = w.size() > 2 ? std::stoul(w[2]) : 0, seed = n; i < n; i++)
-                bytes += static_cast<char>((seed = seed * 1103515245u + 12345u) >> 16);
-            std::ofstream(dir.file(w[0]), std::ios::binary) << bytes;
-        }
+    if (const Lines w = words(fill(c.field["file"])); w.size() == 2 && w[1] == "dir")
+        std::filesystem::create_directory(dir.file(w[0]));
+    else if (!w.empty()) {  // "NAME HEX", "NAME random N", "NAME"
+        std::string bytes = w.size() == 2 ? unhex(w[1]) : "";
+        for (unsigned i = 0, n = w.size() > 2 ? std::stoul(w[2]) : 0, seed = n; i < n; i++)
+            bytes += static_cast<char>((seed = seed * 1103515245u + 12345u) >> 16);
+        std::ofstream(dir.file(w[0]), std::ios::binary) << bytes;
     }
     Lines env = words(fill(c.field["env"]));
     if (c.link == "spi")  // to reach the MCU; the emulation comes before ASan's runtime
