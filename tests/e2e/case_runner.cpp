@@ -73,11 +73,15 @@ std::string read_file(const std::string& path) {
 
 // Words of a line: 'a  b' is one word with its blanks, '' an empty one.
 Lines words(const std::string& text) {
-    static const std::regex word("(?:[^ ']|'[^']*')+");
     Lines w;
-    for (std::sregex_iterator it(text.begin(), text.end(), word), end; it != end; ++it) {
-        w.push_back(it->str());
-        w.back().erase(std::remove(w.back().begin(), w.back().end(), '\''), w.back().end());
+    bool quoted = false, in_word = false;
+    for (char c : text) {
+        if (!in_word && (c != ' ' || quoted))
+            w.emplace_back();
+        in_word = c != ' ' || quoted;
+        quoted ^= c == '\'';
+        if (c != '\'' && in_word)
+            w.back() += c;
     }
     return w;
 }
@@ -152,12 +156,15 @@ std::string substitute(std::string s, const Params& params) {
 // parameters; a positional argument "a:b,c:d" calls it once per item; with a
 // parameter unset it stands for nothing.
 Lines expand(const Lines& lines, const Params& params, const std::string& link) {
+    static const std::regex unset("\\{[A-Z]+\\}");
     Lines out;
     for (const std::string& line : lines) {
         const bool own = line.size() > 3 && line[3] == '|';
         if (own && line.substr(0, 3) != link)
             continue;
         const std::string l = substitute(line.substr(own ? 4 : 0), params);
+        if (std::regex_match(l, unset))  // a line only some alternatives show
+            continue;
         const Lines w = words(l);
         if (l == "@empty" || l.rfind('@', 0) != 0 || !g_pieces.count(w[0])) {
             out.push_back(l == "@empty" ? "" : l);
@@ -456,6 +463,13 @@ void run_case(Case c) {
         for (size_t p; (p = s.find("$(")) != std::string::npos;) {
             const size_t e = s.find(')', p);
             s.replace(p, e + 1 - p, libc_words(s.substr(p + 2, e - p - 2)));
+        }
+        for (size_t p; (p = s.find("$[")) != std::string::npos;) {  // "$[TEXT*N]": N times TEXT
+            const size_t star = s.find('*', p);
+            std::string text;
+            for (long n = std::stol(s.substr(star + 1)); n > 0; n--)
+                text += s.substr(p + 2, star - p - 2);
+            s.replace(p, s.find(']', p) + 1 - p, text);
         }
         // "$START+MS" and "$S+N" (seconds): so long after the tool's start-up
         for (const auto& [mark, unit] : {std::pair{"$START+", 1000}, {"$S+", 1}})
