@@ -91,8 +91,6 @@ void replace_all(std::string* s, const std::string& from, const std::string& to)
         s->replace(p, from.size(), to);
 }
 
-// ---------------------------------------------------------------- the tables
-
 struct Case {
     std::string name, link;  // link: "tty", "spi" or "" (no device)
     Params field;
@@ -103,9 +101,8 @@ struct Case {
 std::map<std::string, std::pair<Lines, Lines>> g_pieces;
 using Blocks = std::vector<std::pair<std::string, Lines>>;
 
-// The "=== title" blocks of a file without '#' lines and trailing blank lines,
-// a section's first line put below its name; returns the lines above them. A
-// field line after a section would silently be taken as output: refused.
+// The "=== title" blocks of a file without '#' lines and trailing blank lines, a section's first
+// line put below its name; the lines above them returned. A field after a section is refused.
 Lines read_blocks(const std::string& path, Blocks* blocks) {
     static const std::regex first("^(out|err|frames|log|holder-out):(?: (.*))?$"),
         field(
@@ -150,11 +147,10 @@ std::string substitute(std::string s, const Params& params) {
     return s;
 }
 
-// The lines on `link` ("tty|" and "spi|" lines of the other left out) with {K}
-// filled in from `params` and each "@piece ARGS" line replaced by the piece's
-// lines (a line naming no piece stays as it is). A piece sees its caller's
-// parameters; a positional argument "a:b,c:d" calls it once per item; with a
-// parameter unset it stands for nothing.
+// The lines on `link` ("tty|" and "spi|" lines of the other left out) with {K} filled in from
+// `params` and each "@piece ARGS" line replaced by the piece's lines (a line naming no piece stays
+// as it is). A piece sees its caller's parameters; a positional argument "a:b,c:d" calls it once
+// per item; with a parameter unset it stands for nothing.
 Lines expand(const Lines& lines, const Params& params, const std::string& link) {
     static const std::regex unset("\\{[A-Z]+\\}");
     Lines out;
@@ -250,8 +246,6 @@ std::vector<Case> read_cases() {
     }
     return cases;
 }
-
-// ------------------------------------------------------------- running them
 
 // A tool's output is bounded like its time: a larger file cannot be written.
 constexpr rlim_t kMaxOutput = 4 << 20;
@@ -567,10 +561,8 @@ TEST_P(Cases, Transcript) {
 INSTANTIATE_TEST_SUITE_P(E2e, Cases, testing::ValuesIn(read_cases()),
                          [](const testing::TestParamInfo<Case>& info) { return info.param.name; });
 
-// The library serves the next call: after any public action, whatever its
-// result, none of its descriptors (nor the device's lock) is left behind and
-// the next action on the same device works. In this process, with the spidev
-// emulation preloaded; its children get it only where a case asks.
+// After any public action, whatever its result, none of its descriptors (nor the lock) is left
+// and the next action on the device works. In-process, the spidev emulation preloaded.
 [[maybe_unused]] const bool kChildrenWithoutPreload = unsetenv("LD_PRELOAD") == 0;
 
 std::multiset<std::string> open_descriptors() {
@@ -581,8 +573,7 @@ std::multiset<std::string> open_descriptors() {
     return fds;
 }
 
-// Points the library (which keeps the path by pointer, so it lives as long as
-// the process) and the emulation at `mcu`.
+// Points the library (which keeps the path by pointer) and the emulation at `mcu`.
 void use(const Vmcu& mcu) {
     static std::set<std::string> paths;
     setenv("VMCU_SPI_SOCKET", mcu.dir.file("spi.sock").c_str(), 1);
@@ -653,7 +644,6 @@ const Call kCalls[] = {
     {"upgrade", "", kActions[3], 0, 0},
     {"upgrade_refused", "DC:nak", kActions[3], -1, -1},
     {"sendraw", "", kActions[4], 0, -1},
-    {"writeraw", "", kActions[5], 10, 10},
     {"writeraw_failed", "DB:xferfail", kActions[5], 10, -1},
     {"monitor", "", kActions[6], 0, 0},
     {"send_then_monitor", "", kActions[7], 0, -1},
