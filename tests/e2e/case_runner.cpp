@@ -645,6 +645,7 @@ const Call kCalls[] = {
     {"upgrade_refused", "DC:nak", kActions[3], -1, -1},
     {"sendraw", "", kActions[4], 0, -1},
     {"writeraw_failed", "DB:xferfail", kActions[5], 10, -1},
+    {"writeraw_too_long", "", [] { return mcu_writeraw(std::string(1100, '0').c_str()); }, 552, -1},
     {"monitor", "", kActions[6], 0, 0},
     {"send_then_monitor", "", kActions[7], 0, -1},
     {"send_then_monitor_refused", "", [] { return mcu_sendraw_then_monitor("", 0xFF, 1); }, -1, -1},

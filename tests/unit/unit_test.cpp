@@ -99,8 +99,17 @@ TEST_F(Unit, CallsAsOtherProgramsMakeThem) {
     memset(&st, 0xA5, sizeof st);
     clear_stts(&st);
     EXPECT_EQ(st.txPkts + st.rxBytes + st.cmdFail + st.rxCnt[CMD_NUM_MAX - 1], 0u);
-    EXPECT_EQ(my_system("exit %d", 3), 0) << "the command ran";
-    EXPECT_EQ(my_system("true"), 0);
+    EXPECT_EQ(my_system("exit %d", 3) + my_system("true"), 0) << "the commands ran";
+    uint8_t b[3] = {1, 2, 3};
+    EXPECT_EQ((sum_u8(b, 3) + checksum_u8(b, 3)) & 0xFF, 0);
+    EXPECT_LE(std::abs(Time_GetSec() - static_cast<int32_t>(time(nullptr))), 1);
+    const char* f = "/tmp/mcu_unit_append";
+    EXPECT_EQ(append_file(f, b, 3) + append_file(f, b, 3) + file_size(f) + unlink(f), 12);
+    EXPECT_EQ(read_file(f, b, 3) + write_file("/nope/f", b, 3) + write_file("/dev/full", b, 3), -3);
+    static int printed = 0;  // diagnostics through the program's own function
+    set_print_fxn(reinterpret_cast<void*>(+[](const char*, ...) { return ++printed; }));
+    EXPECT_EQ(set_serial_speed(0) + printed, 0);
+    set_print_fxn(reinterpret_cast<void*>(printf));
 }
 
 // Whatever a file is called, md5sum gets its name as one word and the shell
@@ -110,7 +119,7 @@ TEST_F(Unit, Md5sumOfAnyFileName) {
     ASSERT_NE(mkdtemp(dir), nullptr);
     ASSERT_EQ(chdir(dir), 0);
     for (const char* name :
-         {"plain-1.bin", "a b", "a;touch x", "$(touch x)", "`touch x`", "it's"}) {
+         {"plain-1.bin", "a b", "a;touch x", "$(touch x)", "`touch x`", "it's", "$(:)"}) {
         uint8_t text[] = "abc", digest[40] = {0};
         ASSERT_EQ(write_file(name, text, 3), 3) << name;
         EXPECT_EQ(calc_md5sum(const_cast<char*>(name), digest, sizeof digest), 32) << name;
