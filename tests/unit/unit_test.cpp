@@ -20,6 +20,11 @@ namespace {
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;  // diagnostics go to standard output
 
+int g_printed = 0;
+int count_print(const char*, ...) {
+    return ++g_printed;
+}
+
 class Unit : public testing::Test {
 protected:
     void SetUp() override { set_comp_id(1); }
@@ -106,9 +111,8 @@ TEST_F(Unit, CallsAsOtherProgramsMakeThem) {
     const char* f = "/tmp/mcu_unit_append";
     EXPECT_EQ(append_file(f, b, 3) + append_file(f, b, 3) + file_size(f) + unlink(f), 12);
     EXPECT_EQ(read_file(f, b, 3) + write_file("/nope/f", b, 3) + write_file("/dev/full", b, 3), -3);
-    static int printed = 0;  // diagnostics through the program's own function
-    set_print_fxn(reinterpret_cast<void*>(+[](const char*, ...) { return ++printed; }));
-    EXPECT_EQ(set_serial_speed(0) + printed, 0);
+    set_print_fxn(reinterpret_cast<void*>(count_print));  // the program's own function
+    EXPECT_EQ(set_serial_speed(0) + g_printed, 0);
     set_print_fxn(reinterpret_cast<void*>(printf));
 }
 
