@@ -607,13 +607,13 @@ struct Call {
 };
 
 const Call kCalls[] = {
-    // Twice down: a link already down closes nothing else.
-    {"link_up_and_down", "",
+    // A data reply without a record to take it; twice down: a link down closes nothing else.
+    {"link_up_query_without_record_down", "",
      [] {
-         const int r = mcu_init();
-         return mcu_uninit(), mcu_uninit(), r;
+         const int r = mcu_init(), q = mcu_getMcuUpgradeParam(nullptr);
+         return mcu_uninit(), mcu_uninit(), r + q;
      },
-     0, 0},
+     -1, -1},
     {"failed_opens", "",  // every action refuses a device that cannot be set up
      [] {
          int wrong = 0;
