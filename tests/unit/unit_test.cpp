@@ -123,7 +123,7 @@ TEST_F(Unit, Md5sumOfAnyFileName) {
     ASSERT_NE(mkdtemp(dir), nullptr);
     ASSERT_EQ(chdir(dir), 0);
     for (const char* name :
-         {"plain-1.bin", "a b", "a;touch x", "$(touch x)", "`touch x`", "it's", "$(:)"}) {
+         {"plain-1.bin", "a b", "a;touch x", "$(touch x)", "`touch x`", "it's", "|"}) {
         uint8_t text[] = "abc", digest[40] = {0};
         ASSERT_EQ(write_file(name, text, 3), 3) << name;
         EXPECT_EQ(calc_md5sum(const_cast<char*>(name), digest, sizeof digest), 32) << name;
