@@ -9,7 +9,12 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
-pattern=${1:-E2e/.*(image|chunk|parameter|monitor|raw|flood|statistics)}
+# By title: the upgrades, the monitors, the raw sends and writes, the debug commands.
+cases='the_image_arrives|a_lost_chunk|a_chunk_time_out|the_largest_chunks|many_small_chunks'
+cases+='|the_monitor_prints|sigterm_ends|ctrl_c_ends|an_endless_monitor'
+cases+='|raw_frame__header|raw_message_with|a_raw_frame_whose|statistics_query|clear_statistics'
+cases+='|flood_test_of'
+pattern=${1:-^E2e/Cases\.Transcript/($cases)}
 
 if ! command -v valgrind >/dev/null; then
     echo "valgrind not found; install it with: apt-get install -y valgrind" >&2
