@@ -9,7 +9,7 @@
 #      under qemu-aarch64 with Android's own linker and libc
 #      (scripts/android-e2e.sh); then the two AArch64 device binaries
 #      (scripts/release-arm64.sh), each run once;
-#   4. the fuzz targets, briefly, under libFuzzer with ASan and UBSan;
+#   4. the fuzz target over the bytes from the MCU, briefly, under libFuzzer with ASan and UBSan;
 #   5. the end-to-end tests of the upgrade, monitor and raw actions with the
 #      tool under valgrind memcheck;
 #   6. static analysis (clang-tidy, cppcheck);
@@ -59,7 +59,7 @@ step "AArch64 device binaries: Android (bionic) and static (any AArch64 Linux)"
 bash scripts/release-arm64.sh
 qemu-aarch64 -L build-android/android build-android-release/src/upgrade/mcu_tool2 --calc-crc16 313233343536373839
 qemu-aarch64 build-arm64-release/src/upgrade/mcu_tool2 --calc-crc16 313233343536373839
-step "fuzz targets (libFuzzer, ASan, UBSan)"
+step "fuzz target (libFuzzer, ASan, UBSan)"
 CC=clang CXX=clang++ run_suite build-fuzz "" -DMCU_FUZZ=ON -DMCU_BUILD_TESTS=OFF \
     -DMCU_FUZZ_SMOKE_SECONDS=5
 step "valgrind memcheck of the end-to-end upgrade, monitor and raw tests"
